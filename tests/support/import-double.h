@@ -1,0 +1,124 @@
+#ifndef NIMBRA_TESTS_SUPPORT_IMPORT_DOUBLE_H_
+#define NIMBRA_TESTS_SUPPORT_IMPORT_DOUBLE_H_
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "tests/support/import-hooks.h"
+#include "tests/support/test-scope.h"
+
+namespace nimbra_test {
+
+// A text usable as a template argument.
+template <std::size_t N>
+struct FixedText {
+  char text[N]{};
+  // Implicit on purpose: a literal is written directly as the template argument.
+  constexpr FixedText(const char (&source)[N]) { std::copy_n(source, N, text); }
+};
+
+template <FixedText Name, typename Function>
+class ImportDouble;
+
+// Stands in for an operating system function that the test program (and so the library linked into
+// it) imports, for the object's lifetime: records the arguments, fails chosen calls and passes the
+// others on, or hands all of them to a handler. One object per function at a time.
+//   ImportDouble<"GetFileSizeEx", decltype(&::GetFileSizeEx)> size;
+//   size.FailCall(1, FALSE, ERROR_INVALID_HANDLE);
+template <FixedText Name, typename Result, typename... Arguments>
+class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
+ public:
+  using Function = Result(WINAPI*)(Arguments...);
+  // Gets the real function first.
+  using Handler = std::function<Result(Function, Arguments...)>;
+
+  ImportDouble() : ImportDouble(Handler()) {}
+  explicit ImportDouble(Handler handler)
+      : handler_(std::move(handler)),
+        hook_(Name.text, reinterpret_cast<void*>(&ImportDouble::Enter)) {
+    current_.store(this);
+  }
+  ~ImportDouble() { current_.store(nullptr); }
+  ImportDouble(const ImportDouble&) = delete;
+  ImportDouble& operator=(const ImportDouble&) = delete;
+
+  // Lets the n-th call from now on (1 = the next one) give `result` with that last error instead of
+  // running.
+  void FailCall(int n, Result result, DWORD lastError) requires(!std::is_void_v<Result>) {
+    std::lock_guard lock(mutex_);
+    failures_.push_back({count_ + n, result, lastError});
+  }
+
+  // The arguments of every call so far. Pointers among them may be dead by now.
+  std::vector<std::tuple<Arguments...>> Calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
+  int Count() const {
+    std::lock_guard lock(mutex_);
+    return count_;
+  }
+
+ private:
+  struct NoResult {};
+  struct Failure {
+    int call;
+    std::conditional_t<std::is_void_v<Result>, NoResult, Result> result;
+    DWORD lastError;
+  };
+
+  static Result WINAPI Enter(Arguments... arguments) {
+    ImportDouble* self = current_.load();
+    return self->Run(arguments...);
+  }
+
+  Result Run(Arguments... arguments) {
+    const DWORD lastError = GetLastError();
+    std::optional<Failure> failure;
+    {
+      TestScope scope;
+      std::lock_guard lock(mutex_);
+      ++count_;
+      calls_.emplace_back(arguments...);
+      for (const Failure& candidate : failures_) {
+        if (candidate.call == count_) {
+          failure = candidate;
+        }
+      }
+    }
+    if constexpr (!std::is_void_v<Result>) {
+      if (failure) {
+        SetLastError(failure->lastError);
+        return failure->result;
+      }
+    }
+    SetLastError(lastError);
+    const auto original = reinterpret_cast<Function>(hook_.Original());
+    if (handler_) {
+      TestScope scope;
+      return handler_(original, arguments...);
+    }
+    return original(arguments...);
+  }
+
+  static inline std::atomic<ImportDouble*> current_{nullptr};
+  mutable std::mutex mutex_;
+  int count_ = 0;
+  std::vector<std::tuple<Arguments...>> calls_;
+  std::vector<Failure> failures_;
+  Handler handler_;
+  ScopedImportHook hook_;
+};
+
+}  // namespace nimbra_test
+
+#endif  // NIMBRA_TESTS_SUPPORT_IMPORT_DOUBLE_H_
