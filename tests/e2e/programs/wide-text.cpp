@@ -1,0 +1,24 @@
+#include "wide-text.h"
+
+#include <windows.h>
+
+namespace e2e {
+
+std::wstring ToWide(std::string_view utf8) {
+  const auto size = static_cast<int>(utf8.size());
+  std::wstring text(utf8.size(), L'\0');
+  const auto length = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, text.data(), size);
+  text.resize(static_cast<std::size_t>(length));
+  return text;
+}
+
+std::string ToNarrow(std::wstring_view text) {
+  const auto size = static_cast<int>(text.size());
+  std::string utf8(text.size() * 3, '\0');
+  const auto length = WideCharToMultiByte(CP_UTF8, 0, text.data(), size, utf8.data(),
+                                          static_cast<int>(utf8.size()), nullptr, nullptr);
+  utf8.resize(static_cast<std::size_t>(length));
+  return utf8;
+}
+
+}  // namespace e2e

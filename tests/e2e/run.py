@@ -1,0 +1,48 @@
+#!/usr/bin/env python3
+"""Runs end-to-end tests on built pieces. ctest calls it with the paths; so can a person:
+
+    run.py --daemon build/linux-release/bin/cloud-filterd \\
+           --file build/mingw-release/bin/Nimbra.dll --file ... test_hydration.Sizes
+"""
+
+import argparse
+import os
+import pathlib
+import sys
+import tempfile
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.dont_write_bytecode = True  # the checkout may be read-only
+sys.path.insert(0, str(HERE))
+
+from harness.settings import SETTINGS  # noqa: E402  (needs the path above)
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--file", action="append", default=[], help="a Windows file under test")
+    parser.add_argument("--daemon", default="", help="cloud-filterd")
+    parser.add_argument("--scripts", default=str(HERE.parents[1] / "scripts"))
+    parser.add_argument("tests", nargs="+", help="module, module.Class or module.Class.test")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    if not arguments.daemon or not os.access(arguments.daemon, os.X_OK):
+        sys.exit(
+            f"The end-to-end tests need the filter daemon, not found at '{arguments.daemon}'. Build "
+            "the linux-release preset and configure this one with -DNIMBRA_FILTER_DAEMON=<path>."
+        )
+    SETTINGS.files = [pathlib.Path(path).resolve() for path in arguments.file]
+    SETTINGS.daemon = pathlib.Path(arguments.daemon).resolve()
+    SETTINGS.scripts = pathlib.Path(arguments.scripts).resolve()
+    SETTINGS.work = pathlib.Path(os.environ.get("NIMBRA_WORK") or tempfile.gettempdir()).resolve()
+    suite = unittest.defaultTestLoader.loadTestsFromNames(arguments.tests)
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
+    return 0 if result.wasSuccessful() and result.testsRun + len(result.skipped) > 0 else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
