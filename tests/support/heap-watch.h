@@ -54,7 +54,11 @@ int ForEachFailingAllocation(Body body, bool persistent = false) {
     bool failed = false;
     auto watched = [&](auto&& code) {
       HeapWatch watch;
-      persistent ? watch.FailAllocationsFrom(n) : watch.FailAllocation(n);
+      if (persistent) {
+        watch.FailAllocationsFrom(n);
+      } else {
+        watch.FailAllocation(n);
+      }
       struct Stop {
         HeapWatch& watch;
         bool& failed;

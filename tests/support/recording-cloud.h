@@ -119,8 +119,10 @@ class RecordingCloud {
   // Recording functions of the table; see the source file.
   struct Table;
 
+  // Records the call, runs its action and gives its result.
   HRESULT Enter(CloudCall call);
-  HRESULT ResultOf(CloudFunction function);
+  HRESULT EnterOverlapped(CloudCall call, OVERLAPPED* overlapped);
+  HRESULT TakeResult(CloudFunction function);
 
   static RecordingCloud* current_;
 

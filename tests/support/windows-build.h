@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <vector>
 
 #include "tests/support/import-double.h"
@@ -38,7 +39,7 @@ class WindowsBuild {
   DWORD minor_;
   DWORD build_;
   std::vector<Query> queries_;
-  ImportDouble<"VerifyVersionInfoW", decltype(&::VerifyVersionInfoW)> verify_;
+  std::optional<ImportDouble<"VerifyVersionInfoW", decltype(&::VerifyVersionInfoW)>> verify_;
 };
 
 // The builds that tests name: the last one without file streaming, the one that hides its option,
