@@ -10,7 +10,9 @@
 #include <mutex>
 #include <optional>
 #include <tuple>
+#include <type_traits>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "tests/support/import-hooks.h"
@@ -38,22 +40,26 @@ template <FixedText Name, typename Result, typename... Arguments>
 class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
  public:
   using Function = Result(WINAPI*)(Arguments...);
+  using StoredResult = std::conditional_t<std::is_void_v<Result>, std::monostate, Result>;
   // Gets the real function first.
   using Handler = std::function<Result(Function, Arguments...)>;
 
   ImportDouble() : ImportDouble(Handler()) {}
-  explicit ImportDouble(Handler handler)
-      : handler_(std::move(handler)),
-        hook_(Name.text, reinterpret_cast<void*>(&ImportDouble::Enter)) {
+  explicit ImportDouble(Handler handler) : handler_(std::move(handler)) {
     current_.store(this);
+    hook_.emplace(Name.text, reinterpret_cast<void*>(&ImportDouble::Enter));
+    original_ = reinterpret_cast<Function>(hook_->Original());
   }
-  ~ImportDouble() { current_.store(nullptr); }
+  ~ImportDouble() {
+    hook_.reset();
+    current_.store(nullptr);
+  }
   ImportDouble(const ImportDouble&) = delete;
   ImportDouble& operator=(const ImportDouble&) = delete;
 
   // Lets the n-th call from now on (1 = the next one) give `result` with that last error instead of
   // running.
-  void FailCall(int n, Result result, DWORD lastError) requires(!std::is_void_v<Result>) {
+  void FailCall(int n, StoredResult result, DWORD lastError) requires(!std::is_void_v<Result>) {
     std::lock_guard lock(mutex_);
     failures_.push_back({count_ + n, result, lastError});
   }
@@ -69,10 +75,9 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
   }
 
  private:
-  struct NoResult {};
   struct Failure {
     int call;
-    std::conditional_t<std::is_void_v<Result>, NoResult, Result> result;
+    StoredResult result;
     DWORD lastError;
   };
 
@@ -102,12 +107,11 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
       }
     }
     SetLastError(lastError);
-    const auto original = reinterpret_cast<Function>(hook_.Original());
     if (handler_) {
       TestScope scope;
-      return handler_(original, arguments...);
+      return handler_(original_, arguments...);
     }
-    return original(arguments...);
+    return original_(arguments...);
   }
 
   static inline std::atomic<ImportDouble*> current_{nullptr};
@@ -116,7 +120,8 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
   std::vector<std::tuple<Arguments...>> calls_;
   std::vector<Failure> failures_;
   Handler handler_;
-  ScopedImportHook hook_;
+  Function original_ = nullptr;
+  std::optional<ScopedImportHook> hook_;
 };
 
 }  // namespace nimbra_test

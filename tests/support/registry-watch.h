@@ -32,7 +32,7 @@ struct RegistryCall {
   HKEY opened = nullptr;
   // SetValue only.
   DWORD type = 0;
-  std::string data;
+  std::string data = {};
 };
 
 // Records every registry write and delete of the program and refuses chosen ones; the rest reaches
