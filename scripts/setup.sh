@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Installs what the project's commands need and this machine lacks (Debian 12, with apt).
+#
+#   scripts/setup.sh [--quiet] [test|demo]
+#
+#   test     everything for ./test.sh (the default)
+#   demo     only what ./demo.sh needs
+#   --quiet  print nothing if nothing is missing
+
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
+
+readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix pkg-config libfuse3-dev
+  fuse3 libsqlite3-dev wine64 wine python3 util-linux procps)
+readonly TEST_PACKAGES=(googletest clang-format clang-tidy shellcheck git)
+
+installed() {
+  [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$1" 2>/dev/null) == ?i* ]]
+}
+
+# Python is as good from elsewhere.
+needed() {
+  [[ $1 == python3 ]] && command -v python3 >/dev/null && return 1
+  ! installed "$1"
+}
+
+as_root() {
+  if ((EUID == 0)); then
+    "$@"
+  else
+    sudo -n "$@"
+  fi
+}
+
+install_packages() {
+  local log
+  log="$(mktemp)"
+  # shellcheck disable=SC2064  # The name is wanted as it is now.
+  trap "rm -f '$log'" EXIT
+  if ! as_root env DEBIAN_FRONTEND=noninteractive sh -c '
+      apt-get -q update && apt-get -q -y install --no-install-recommends "$@"' sh "$@" \
+    >"$log" 2>&1 </dev/null; then
+    tail -n 15 -- "$log" >&2
+    die "apt-get could not install: $*. Check the network and the package sources, or install them" \
+      "by hand."
+  fi
+}
+
+main() {
+  local quiet=no purpose=test
+  while (($#)); do
+    case $1 in
+      --quiet) quiet=yes ;;
+      --help | -h) print_help && return ;;
+      test | demo) purpose=$1 ;;
+      *) usage_error "unknown argument '$1'" ;;
+    esac
+    shift
+  done
+
+  command -v dpkg-query >/dev/null || die "This is not a Debian system: install by hand the" \
+    "counterparts of ${DEMO_PACKAGES[*]} ${TEST_PACKAGES[*]}."
+  local wanted=("${DEMO_PACKAGES[@]}") missing=() package
+  [[ $purpose == test ]] && wanted+=("${TEST_PACKAGES[@]}")
+  for package in "${wanted[@]}"; do
+    if needed "$package"; then missing+=("$package"); fi
+  done
+  if ((${#missing[@]} == 0)); then
+    [[ $quiet == yes ]] || echo "Everything needed is installed."
+    return
+  fi
+  ((EUID == 0)) || sudo -n true 2>/dev/null || die "Missing packages: ${missing[*]}." \
+    "Install them as root: apt-get install --no-install-recommends ${missing[*]}"
+  echo "installing: ${missing[*]}"
+  install_packages "${missing[@]}"
+}
+
+main "$@"
