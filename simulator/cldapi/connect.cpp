@@ -108,6 +108,17 @@ HRESULT RequestConnect(Channel& channel, const std::wstring& rootPath, const std
   return reader.Good() ? S_OK : result::kInvalidData;
 }
 
+HRESULT Disconnect(CF_CONNECTION_KEY key) {
+  const auto connection = RemoveConnection(key);
+  if (!connection) return result::kInvalidParameter;
+  wire::Writer fields;
+  fields.Put(key.Internal);
+  // The filter first, so that callbacks which wait for it come to an end.
+  const HRESULT result = TheFilter().Request(wire::Op::kDisconnect, fields);
+  connection->Stop();
+  return result;
+}
+
 HRESULT Connect(LPCWSTR path, const CallbackTable& table, LPCVOID context, CF_CONNECT_FLAGS flags,
                 CF_CONNECTION_KEY& key) {
   std::wstring rootPath;
@@ -132,19 +143,13 @@ HRESULT Connect(LPCWSTR path, const CallbackTable& table, LPCVOID context, CF_CO
   auto connection = std::make_shared<Connection>(std::move(root), table, std::move(*channel));
   // Known before the first callback, which may want to execute something.
   AddConnection(key, connection);
-  connection->Start();
+  try {
+    connection->Start();
+  } catch (...) {
+    static_cast<void>(Disconnect(key));
+    throw;
+  }
   return S_OK;
-}
-
-HRESULT Disconnect(CF_CONNECTION_KEY key) {
-  const auto connection = RemoveConnection(key);
-  if (!connection) return result::kInvalidParameter;
-  wire::Writer fields;
-  fields.Put(key.Internal);
-  // The filter first, so that callbacks which wait for it come to an end.
-  const HRESULT result = TheFilter().Request(wire::Op::kDisconnect, fields);
-  connection->Stop();
-  return result;
 }
 
 }  // namespace

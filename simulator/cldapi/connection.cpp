@@ -39,8 +39,9 @@ void Connection::Start() {
 void Connection::Stop() {
   End();
   channel_.Shutdown();
-  receiver_.join();
-  pulse_.join();
+  for (auto* thread : {&receiver_, &pulse_}) {
+    if (thread->joinable()) thread->join();
+  }
   pool_.Stop();
 }
 
@@ -89,8 +90,12 @@ void Connection::End() {
 }
 
 void AddConnection(CF_CONNECTION_KEY key, std::shared_ptr<Connection> connection) {
-  const std::scoped_lock lock(All().mutex);
-  All().byKey[key.Internal] = std::move(connection);
+  {
+    const std::scoped_lock lock(All().mutex);
+    std::swap(All().byKey[key.Internal], connection);
+  }
+  // A daemon that was started again gives its numbers again.
+  if (connection) connection->Stop();
 }
 
 bool IsConnected(CF_CONNECTION_KEY key) {

@@ -24,7 +24,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // From here on callbacks arrive.
+  // From here on callbacks arrive. When it throws, Stop must be called.
   void Start();
   // Called once. None of the callbacks runs after it has returned, unless it is called from one.
   void Stop();

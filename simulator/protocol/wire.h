@@ -244,7 +244,7 @@ struct CallbackEvent {
   std::string commandLine;
   std::uint32_t flags = 0;
   // fetch: required offset, required length, optional offset, optional length;
-  // cancel: offset, length
+  // cancel: offset, length; dehydrate and its completion: the reason
   std::int64_t range[4] = {0, 0, 0, 0};
   // rename: the target; rename completion: the source. Absolute Unix path.
   std::string otherPath;
