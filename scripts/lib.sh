@@ -61,13 +61,14 @@ seconds_since() {
 }
 
 # stage <title> <log> <command>...: runs a step with its output in the log, and prints one line: the
-# title, the outcome, the seconds. After a failure the end of the log follows.
+# title, the outcome, the seconds. After a failure the end of the log follows. Descriptor 7 is the lock of the
+# command that runs, which nothing that it starts may hold.
 stage() {
   local title=$1 log=$2 start status=0
   shift 2
   start="$(now)"
   printf '  %-46s ' "$title"
-  "$@" >"$log" 2>&1 </dev/null || status=$?
+  "$@" >"$log" 2>&1 </dev/null 7>&- || status=$?
   if ((status == 0)); then
     printf '%sok%s %9s s\n' "$GREEN" "$PLAIN" "$(seconds_since "$start")"
   else
@@ -97,4 +98,19 @@ processes_in_prefixes_below() {
       printf '%s\n' "${pid%/environ}"
     fi
   done
+}
+
+# stop_program <executable>: ends every process of a program, first asking it to end by itself.
+stop_program() {
+  local executable pids=()
+  for executable in /proc/[0-9]*/exe; do
+    if [[ $(readlink -- "$executable" 2>/dev/null) == "$1" ]]; then
+      executable="${executable#/proc/}"
+      pids+=("${executable%/exe}")
+    fi
+  done
+  ((${#pids[@]} > 0)) || return 0
+  kill -TERM "${pids[@]}" 2>/dev/null || true
+  timeout 10 tail -q -f /dev/null "${pids[@]/#/--pid=}" 2>/dev/null || true
+  kill -KILL "${pids[@]}" 2>/dev/null || true
 }

@@ -40,8 +40,8 @@ is_windows_build() {
 # the first process in a prefix, so without this the first program's pipes would never end.
 start_prefix() {
   "$WINESERVER" -k0 2>/dev/null && return
-  "$WINESERVER" "-p$WINESERVER_IDLE_SECONDS" </dev/null >/dev/null 2>&1 9>&- 8>&- || true
-  timeout 120 "$WINE" wineboot "$@" </dev/null >/dev/null 2>&1 9>&- 8>&-
+  "$WINESERVER" "-p$WINESERVER_IDLE_SECONDS" </dev/null >/dev/null 2>&1 9>&- 8>&- 7>&- || true
+  timeout 120 "$WINE" wineboot "$@" </dev/null >/dev/null 2>&1 9>&- 8>&- 7>&-
 }
 
 stop_prefix() {

@@ -1,0 +1,160 @@
+#!/usr/bin/env bash
+# Builds everything and runs every check: lint, the cloud filter's own tests, the library's tests
+# under Wine, and the end-to-end tests. Installs what is missing (Debian 12).
+#
+#   ./test.sh [--quick] [-R REGEX]
+#
+#   --quick   leave out clang-tidy and the end-to-end tests
+#   -R REGEX  only the CTest tests whose names match, and no lint
+#
+# NIMBRA_WORK       where everything is built (build/, or a folder in the user's cache where the
+#                   checkout cannot be written)
+# NIMBRA_NO_FUSE=1  skip, rather than fail, what needs /dev/fuse
+#
+# The last line is "N passed, N failed"; the exit code is 0 if none failed and some passed.
+
+# shellcheck source=scripts/lib.sh
+source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/lib.sh"
+
+passed=0
+failed=0
+skipped=0
+quick=no
+filter=''
+
+# count <passed> <failed> <skipped>
+count() {
+  passed=$((passed + $1))
+  failed=$((failed + $2))
+  skipped=$((skipped + $3))
+}
+
+# check <title> <log name> <command>...: a stage that counts as one test.
+check() {
+  if stage "$1" "$LOGS/$2.log" "${@:3}"; then count 1 0 0; else count 0 1 0; fi
+}
+
+finish() {
+  printf '\n%s passed, %s failed' "$passed" "$failed"
+  ((skipped == 0)) || printf ', %s skipped' "$skipped"
+  printf '\n'
+  ((failed == 0 && passed > 0))
+}
+
+shell_scripts() {
+  find "$NIMBRA_SOURCE/scripts" "$NIMBRA_SOURCE/tests" -name '*.sh'
+  printf '%s\n' "$NIMBRA_SOURCE/test.sh" "$NIMBRA_SOURCE/demo.sh" "$NIMBRA_SOURCE/.ci/run"
+}
+
+check_shell() {
+  local scripts
+  mapfile -t scripts < <(shell_scripts)
+  cd -- "$NIMBRA_SOURCE" && shellcheck -x "${scripts[@]}"
+}
+
+check_format() {
+  local folders=()
+  for folder in bench examples include lib simulator tests; do
+    [[ ! -d $NIMBRA_SOURCE/$folder ]] || folders+=("$NIMBRA_SOURCE/$folder")
+  done
+  find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 |
+    xargs -0 clang-format --dry-run -Werror
+}
+
+# run_ctest <title> <preset> <ctest option>...: counts the single tests.
+run_ctest() {
+  local title=$1 preset=$2 start junit counts status=0
+  shift 2
+  junit="$LOGS/$preset.xml"
+  start="$(now)"
+  printf '  %-46s ' "$title"
+  rm -f -- "$junit"
+  ctest --test-dir "$NIMBRA_WORK/$preset" -j2 --output-junit "$junit" --timeout 300 \
+    --test-output-size-passed 100000000 --test-output-size-failed 100000000 \
+    "$@" >"$LOGS/$preset-ctest.log" 2>&1 </dev/null 7>&- || status=$?
+  if [[ ! -f $junit ]]; then
+    printf '%sfailed%s %5s s\n' "$RED" "$PLAIN" "$(seconds_since "$start")"
+    tail -n 20 -- "$LOGS/$preset-ctest.log"
+    count 0 1 0
+    return
+  fi
+  "$NIMBRA_SOURCE/scripts/count-tests.py" "$junit" >"$LOGS/$preset-failures.log"
+  read -ra counts < <(tail -n 1 -- "$LOGS/$preset-failures.log")
+  # ctest knows best whether something went wrong.
+  if ((status != 0 && counts[1] == 0)) && [[ -z $filter ]]; then counts[1]=1; fi
+  count "${counts[@]}"
+  if ((counts[1] == 0)); then
+    printf '%sok%s %9s s   %s passed' "$GREEN" "$PLAIN" "$(seconds_since "$start")" "${counts[0]}"
+  else
+    printf '%sfailed%s %5s s   %s passed, %s failed' "$RED" "$PLAIN" "$(seconds_since "$start")" \
+      "${counts[0]}" "${counts[1]}"
+  fi
+  ((counts[2] == 0)) || printf ', %s skipped' "${counts[2]}"
+  printf '\n'
+  head -n -1 -- "$LOGS/$preset-failures.log"
+}
+
+lint() {
+  check 'shell scripts (shellcheck)' shellcheck check_shell
+  check 'format (clang-format)' clang-format check_format
+  check 'the example in README.md' readme "$NIMBRA_SOURCE/scripts/check-readme-example.sh"
+  [[ $quick == yes ]] || STAGE_LINES=200 check 'static analysis (clang-tidy)' clang-tidy \
+    "$NIMBRA_SOURCE/scripts/tidy.py" --stamps "$NIMBRA_WORK/tidy-stamps" \
+    "$NIMBRA_WORK/linux-release" "$NIMBRA_WORK/mingw-release"
+}
+
+# Whatever happened, nothing that the tests started or mounted stays.
+clean_up() {
+  trap '' INT TERM
+  local point
+  "$NIMBRA_SOURCE/scripts/wine-prefix.sh" --stop-all >/dev/null 2>&1 7>&- || true
+  stop_program "$NIMBRA_WORK/linux-release/bin/cloud-filterd"
+  while read -r point; do
+    fusermount3 -u -z "$point" 2>/dev/null || umount -l "$point" 2>/dev/null || true
+  done < <(mounts_below "$NIMBRA_WORK")
+  rm -rf --one-file-system -- "$TMPDIR"
+}
+
+main() {
+  local selection=()
+  while (($#)); do
+    case $1 in
+      --quick) quick=yes ;;
+      -R) filter="${2:-}" && shift ;;
+      --help | -h) print_help && return ;;
+      *) usage_error "unknown argument '$1'" ;;
+    esac
+    shift
+  done
+  choose_work_directory
+  exec 7>"$NIMBRA_WORK/.lock"
+  flock -n 7 || die "Another run uses '$NIMBRA_WORK'. Wait for it, or set NIMBRA_WORK to a folder of" \
+    "your own."
+  export TMPDIR="$NIMBRA_WORK/tmp"
+  LOGS="$NIMBRA_WORK/logs"
+  readonly LOGS
+  mkdir -p -- "$TMPDIR" "$LOGS"
+  trap clean_up EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
+
+  printf '%sNimbra%s: all checks. Work folder: %s\n' "$BOLD" "$PLAIN" "$NIMBRA_WORK"
+  "$NIMBRA_SOURCE/scripts/setup.sh" --quiet test 7>&-
+  local preset
+  for preset in linux-release mingw-release; do
+    if ! stage "build, $preset" "$LOGS/build-$preset.log" \
+      "$NIMBRA_SOURCE/scripts/build.sh" "$preset"; then
+      count 0 1 0
+      finish
+      return
+    fi
+  done
+
+  if [[ -n $filter ]]; then selection+=(-R "$filter" --no-tests=ignore); else lint; fi
+  run_ctest 'cloud filter (native)' linux-release "${selection[@]}"
+  [[ $quick == no ]] || selection+=(-E '^e2e')
+  run_ctest 'library and end to end (Wine)' mingw-release "${selection[@]}"
+  finish
+}
+
+main "$@"
