@@ -35,12 +35,12 @@ struct PlaceholderFacts {
   std::int32_t inSyncState = 0;
   std::int64_t fileId = 0;
   std::int64_t syncRootFileId = 0;
-  Bytes identity;
+  Bytes identity = {};
 };
 
 // What CfGetSyncRootInfoByPath tells of a root.
 struct SyncRootFacts {
-  Bytes identity;
+  Bytes identity = {};
   std::wstring providerName = L"CorvaneDrive";
   std::wstring providerVersion = L"1.1";
 };
