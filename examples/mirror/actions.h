@@ -16,6 +16,10 @@ struct Failure : std::runtime_error {  // what happened, to what; what to do
   Failure(const std::string& what, const std::string& advice)
       : std::runtime_error(what + "\n  " + advice) {}
 };
+struct Usage : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
 inline void Require(CORVWinCFHresult result, const std::string& what) {
   static const std::map<unsigned, const char*> advice{
       {0x80040151, "registering writes to the machine's registry: run it once as administrator"},
@@ -24,17 +28,13 @@ inline void Require(CORVWinCFHresult result, const std::string& what) {
       {0x8007007E, "this Windows lacks the Cloud Files platform (cldapi.dll)"},
       {0x80070426, "the cloud filter is not running: start it first"},
       {0x8007017A, "another program serves this sync root: stop it first"},
-      {0x80070186, "serve it once with: mirror <source folder> <sync root>"},
+      {0x80070186, "serve it once with mirror <source folder> <sync root>"},
       {0x800700B7, "it is registered for another program or number: --unregister it first"}};
   if (result >= 0) return;
   const auto known = advice.find(static_cast<unsigned>(result));
   throw Failure(what + " " + ResultText(result),
                 known != advice.end() ? known->second : "the debugger output may say more");
 }
-
-struct Usage : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 constexpr auto kNotUnderSyncRoot = static_cast<CORVWinCFHresult>(0x80070186);
 constexpr char kStateHeading[] =
@@ -54,7 +54,7 @@ inline bool PrintState(const fs::path& path, Item item) {
   const std::array answers{isPlaceholder ? 0 : -1, CORVWinCFPlaceholderIsFullyHydrated(item),
                            CORVWinCFPlaceholderIsPinned(item), CORVWinCFPlaceholderIsExcluded(item),
                            CORVWinCFPlaceholderIsInSync(item)};
-  for (const auto answer : answers) std::cout << (answer == 0 ? "yes          " : "-            ");
+  for (const auto answer : answers) std::cout << (answer == 0 ? "yes          " : "no           ");
   std::cout << Utf8(path) << " = " << identity.data() << "\n";
   return true;
 }
@@ -96,7 +96,7 @@ inline const std::map<std::string, Action> kActions{
 inline int Act(const std::string& name, const fs::path& top) {
   if (name == "--unregister") return Unregister(top);
   const auto found = kActions.find(name);
-  if (found == kActions.end()) throw Usage("there is no option " + name);
+  if (found == kActions.end()) throw Usage("unknown option " + name);
   const auto& action = found->second;
   if (RootIdentity(top).empty()) Require(kNotUnderSyncRoot, Utf8(top) + " lies in no sync root");
   int done = 0, failed = 0;
@@ -111,8 +111,7 @@ inline int Act(const std::string& name, const fs::path& top) {
   if (name == "--state") std::cout << kStateHeading;
   const bool goesDown = action.goesDown && fs::is_directory(top);
   goesDown ? Walk(top, visit) : visit(top);
-  if (name != "--state")
-    std::cout << name.substr(2) << ": " << done << " done, " << failed << " failed\n";
+  std::cout << name.substr(2) << ": " << done << " done, " << failed << " failed\n";
   return failed == 0 ? 0 : 1;
 }
 

@@ -35,15 +35,12 @@ The source is only read: what is renamed or deleted in the sync root comes back 
 std::atomic<bool> stopRequested = false, finished = false;
 
 struct Options {
-  std::map<std::string, std::string> values{
-      {"--session", "1"}, {"--rate", "0"}, {"--timeout", "0"}, {"--stop-file", ""}};
-  std::string action;
+  std::string action, session = "1", rate = "0", timeout = "0", stopFile;
   std::vector<fs::path> paths;
   bool untilEof = false;
 };
 
-double NumberOf(const Options& options, const std::string& name, double most) {
-  const auto& text = options.values.at(name);
+double NumberOf(const std::string& name, const std::string& text, double most) {
   char* end = nullptr;
   const double number = std::strtod(text.c_str(), &end);
   if (!text.empty() && *end == 0 && number >= 0 && number <= most) return number;
@@ -52,11 +49,14 @@ double NumberOf(const Options& options, const std::string& name, double most) {
 
 Options Parse(const std::vector<std::string>& arguments) {
   Options options;
+  const std::map<std::string_view, std::string*> values{{"--session", &options.session},
+                                                        {"--rate", &options.rate},
+                                                        {"--timeout", &options.timeout},
+                                                        {"--stop-file", &options.stopFile}};
   for (auto at = arguments.begin(); at != arguments.end(); ++at) {
-    const auto value = options.values.find(*at);
-    if (value != options.values.end()) {
-      if (++at == arguments.end()) throw Usage(value->first + " needs a value");
-      value->second = *at;
+    if (const auto value = values.find(*at); value != values.end()) {
+      if (++at == arguments.end()) throw Usage(std::string(value->first) + " needs a value");
+      *value->second = *at;
     } else if (*at == "--until-eof") {
       options.untilEof = true;
     } else if (!at->starts_with("--")) {
@@ -69,17 +69,24 @@ Options Parse(const std::vector<std::string>& arguments) {
   return options;
 }
 
+// Without its manifest a program is told that Windows is an older one; the kernel tells the truth.
 void RequirePlatform() {
-  if (!CORVWinCFIsWinVersionSupportFileStreaming()) {
-    throw Failure("Windows says that it is older than Windows 10, version 1803 (build 17134)",
-                  "if it is not, mirror.exe has lost its manifest with the supportedOS entry");
-  }
   CORVWinCFPlatformInfo info{};
-  CORVWinCFGetPlatformInfo(&info);
-  if (info.buildNumber == 0) {
+  if (CORVWinCFGetPlatformInfo(&info) == 0) {
+    if (info.buildNumber != 0) return;
     throw Failure("the Cloud Files platform does not answer",
-                  "cldapi.dll is missing or the cloud filter is not running: start it first");
+                  "cldapi.dll is missing, or the cloud filter is not running: start it first");
   }
+  RTL_OSVERSIONINFOW windows{};
+  windows.dwOSVersionInfoSize = sizeof windows;
+  const auto query = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
+  reinterpret_cast<LONG(WINAPI*)(void*)>(reinterpret_cast<void*>(query))(&windows);
+  const auto build = "this is Windows build " + std::to_string(windows.dwBuildNumber);
+  if (windows.dwMajorVersion < 10 || windows.dwBuildNumber < 17134) {
+    throw Failure(build, "on-demand files need Windows 10, version 1803 (build 17134), or later");
+  }
+  throw Failure(build + ", but Nimbra takes it for an older one",
+                "mirror.exe lacks its manifest with the supportedOS entry: build it again with it");
 }
 
 BOOL WINAPI OnConsoleEvent(DWORD event) {
@@ -117,37 +124,38 @@ void RequireRegistered(Provider& provider, const fs::path& root, const std::stri
   }
   if (identity.ends_with(".session." + session)) return;  // by an earlier run
   throw Failure(Utf8(root) + " is registered as " + identity,
-                "give its number with --session, or --unregister it first");
+                "give that number with --session, or --unregister it first");
 }
 
-void ShowUntilStopped(Provider& provider, Console& console, const Options& options) {
-  const Seconds timeout(NumberOf(options, "--timeout", 1e9)),
-      interval(console.isTerminal ? 0.2 : 5);
-  const auto stopFile = Path(options.values.at("--stop-file"));
+void ShowUntilStopped(Provider& provider, Console& console, double timeout,
+                      const fs::path& stopFile) {
+  const Seconds interval(console.isTerminal ? 0.2 : 5);
   const auto start = Clock::now();
   std::string shown;
-  for (auto next = start + interval; !stopRequested; Sleep(50)) {
-    if (timeout.count() > 0 && Clock::now() - start > timeout) return;
+  for (auto next = start; !stopRequested; Sleep(50)) {
+    if (timeout > 0 && Clock::now() - start > Seconds(timeout)) return;
     if (!stopFile.empty() && fs::exists(stopFile)) return;
     if (Clock::now() < next) continue;
-    next = Clock::now() + interval;
+    next = Clock::now() + std::chrono::duration_cast<Clock::duration>(interval);
     if (const auto now = provider.Summary(); now != shown) console.Summary(shown = now);
   }
 }
 
 int Serve(const Options& options) {
   const auto &source = options.paths[0], &root = options.paths[1];
-  const auto session = static_cast<std::uint64_t>(NumberOf(options, "--session", 2147483647));
+  const auto session = static_cast<unsigned>(NumberOf("--session", options.session, 2147483647));
+  const double rate = NumberOf("--rate", options.rate, 1e6) * 1e6;
+  const double timeout = NumberOf("--timeout", options.timeout, 1e9);
   RequireFolders(source, root);
   Console console;
-  Provider provider(source, root, session, NumberOf(options, "--rate", 1e6) * 1e6, console);
+  Provider provider(source, root, session, rate, console);
   RequireRegistered(provider, root, std::to_string(session));
   Require(provider.Connect(), "cannot connect " + Utf8(root));
   SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
   if (options.untilEof) StopAtEndOfInput();
   provider.Populate(stopRequested);
   console.Line("mirror: ready");
-  ShowUntilStopped(provider, console, options);
+  ShowUntilStopped(provider, console, timeout, Path(options.stopFile));
   provider.Disconnect();
   console.Summary(provider.Summary());
   console.Line("mirror: stopped");

@@ -219,14 +219,14 @@ class Provider {
   void OnRename(const CORVWinCFCallbackRecord& r) noexcept try {
     CORVWinCFSyncRootAckRename(syncRoot_.get(), r.transferKey);
     const auto target = r.targetPath != nullptr ? Local(r.targetPath) : "out of the sync root";
-    console_.Line("rename  " + Local(r.fullPath) + " -> " + target);
+    console_.Line("renamed " + Local(r.fullPath) + " -> " + target);
     if (r.targetPath == nullptr) Forget(r.fileIdentity);
   } catch (const std::exception&) {  // only the console and the map are behind
   }
 
   void OnDelete(const CORVWinCFCallbackRecord& r) noexcept try {
     CORVWinCFSyncRootAckDelete(syncRoot_.get(), r.transferKey, 0, CORVWinCFTransferSucceeded);
-    console_.Line("delete  " + Local(r.fullPath));
+    console_.Line("deleted " + Local(r.fullPath));
     Forget(r.fileIdentity);
   } catch (const std::exception&) {
   }
