@@ -1,0 +1,72 @@
+#include "tests/dll/image.h"
+
+#include <gmock/gmock.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cctype>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "header-exports.h"
+#include "tests/dll/loaded-library.h"
+
+namespace {
+
+using nimbra_test::ExportNames;
+using nimbra_test::ImportSlot;
+using nimbra_test::ImportSlots;
+using nimbra_test::LoadedLibrary;
+
+class ImageTest : public testing::Test {
+ protected:
+  LoadedLibrary library_;
+};
+
+TEST_F(ImageTest, ExportsExactlyWhatTheHeaderDeclares) {
+  std::vector<std::string> declared(std::begin(nimbra_test::kHeaderExports),
+                                    std::end(nimbra_test::kHeaderExports));
+  EXPECT_EQ(declared.size(), 55u);
+  EXPECT_THAT(ExportNames(library_.Module()), testing::UnorderedElementsAreArray(declared));
+  EXPECT_EQ(nimbra_test::NamelessExportCount(library_.Module()), 0u);
+}
+
+std::string LowerCase(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+TEST_F(ImageTest, ImportsFromLibrariesOfTheSystemOnly) {
+  const std::set<std::string> allowed = {"kernel32.dll", "advapi32.dll", "shell32.dll",
+                                         "shlwapi.dll",  "ole32.dll",    "msvcrt.dll",
+                                         "user32.dll",   "ntdll.dll"};
+  std::set<std::string> libraries;
+  for (const ImportSlot& slot : ImportSlots(library_.Module())) {
+    libraries.insert(LowerCase(slot.library));
+  }
+  EXPECT_GE(libraries.size(), 2u);
+  wchar_t system[MAX_PATH];
+  ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH), 0u);
+  for (const std::string& library : libraries) {
+    SCOPED_TRACE(library);
+    EXPECT_EQ(allowed.count(library), 1u);
+    wchar_t path[MAX_PATH];
+    ASSERT_NE(GetModuleFileNameW(GetModuleHandleA(library.c_str()), path, MAX_PATH), 0u);
+    EXPECT_EQ(_wcsnicmp(path, system, wcslen(system)), 0);
+  }
+}
+
+TEST_F(ImageTest, DoesNotImportThePlatform) {
+  for (const ImportSlot& slot : ImportSlots(library_.Module())) {
+    EXPECT_NE(LowerCase(slot.library), "cldapi.dll");
+    EXPECT_FALSE(slot.function.starts_with("Cf")) << slot.function;
+  }
+}
+
+TEST_F(ImageTest, LoadingItDoesNotLoadThePlatform) {
+  EXPECT_EQ(GetModuleHandleW(L"cldapi.dll"), nullptr);
+}
+
+}  // namespace

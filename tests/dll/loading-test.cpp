@@ -1,0 +1,204 @@
+#include <gmock/gmock.h>
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/dll/loaded-library.h"
+#include "tests/dll/options.h"
+
+namespace {
+
+using nimbra_test::LoadedLibrary;
+using nimbra_test::ScopedImportHook;
+using nimbra_test::TestOptions;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// The system's number, which no manifest changes.
+DWORD SystemBuild() {
+  using GetVersion = LONG(WINAPI*)(RTL_OSVERSIONINFOW*);
+  const auto getVersion = reinterpret_cast<GetVersion>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
+  RTL_OSVERSIONINFOW version{};
+  version.dwOSVersionInfoSize = sizeof version;
+  getVersion(&version);
+  return version.dwBuildNumber;
+}
+
+TEST(VersionFlagsTest, TellTheWindowsThatTheLibraryWasLoadedOn) {
+  ASSERT_EQ(TestOptions().flags.size(), 3u) << "give --flags=<three digits>";
+  ASSERT_EQ(SystemBuild(), TestOptions().build) << "not the Windows that this test is for";
+  const LoadedLibrary library;
+  std::wstring flags;
+  for (const auto query :
+       {NIMBRA_FUNCTION(library, CORVWinCFIsWinVersionSupportFileStreaming),
+        NIMBRA_FUNCTION(library, CORVWinCFIsWinVersionDisableUIFileStreamingOption),
+        NIMBRA_FUNCTION(library, CORVWinCFIsWinVersionDefaultFileStreaming)}) {
+    flags += query() ? L'1' : L'0';
+  }
+  EXPECT_EQ(flags, TestOptions().flags);
+}
+
+// What the library's entry point calls while the library is loaded. The loader announces an image
+// after its imports were resolved and before its entry point runs: the moment to set the hooks.
+class EntryPointWatch {
+ public:
+  EntryPointWatch() {
+    current_ = this;
+    const auto registerNotification = Function<RegisterNotification>("LdrRegisterDllNotification");
+    registerNotification(0, &EntryPointWatch::Announced, nullptr, &cookie_);
+  }
+  ~EntryPointWatch() {
+    Function<UnregisterNotification>("LdrUnregisterDllNotification")(cookie_);
+    current_ = nullptr;
+  }
+  EntryPointWatch(const EntryPointWatch&) = delete;
+  EntryPointWatch& operator=(const EntryPointWatch&) = delete;
+
+  // The functions called, in order, and the module handles given to DisableThreadLibraryCalls.
+  std::vector<std::string> calls;
+  std::vector<HMODULE> modules;
+  std::vector<OSVERSIONINFOEXW> versions;
+  std::vector<DWORD> typeMasks;
+  std::vector<DWORDLONG> conditions;
+
+ private:
+  struct UnicodeString {
+    USHORT length;
+    USHORT maximumLength;
+    PWSTR buffer;
+  };
+  struct Notification {
+    ULONG flags;
+    const UnicodeString* fullName;
+    const UnicodeString* baseName;
+    void* base;
+    ULONG size;
+  };
+  using Callback = void(CALLBACK*)(ULONG, const Notification*, void*);
+  using RegisterNotification = LONG(NTAPI*)(ULONG, Callback, void*, void**);
+  using UnregisterNotification = LONG(NTAPI*)(void*);
+  static constexpr ULONG kLoaded = 1;
+
+  template <typename Type>
+  static Type Function(const char* name) {
+    return reinterpret_cast<Type>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+  }
+
+  static void CALLBACK Announced(ULONG reason, const Notification* notification, void*) {
+    const std::wstring name(notification->baseName->buffer, notification->baseName->length / 2u);
+    if (reason != kLoaded || _wcsicmp(name.c_str(), L"Nimbra.dll") != 0) {
+      return;
+    }
+    const auto module = static_cast<HMODULE>(notification->base);
+    current_->disable_ = std::make_unique<ScopedImportHook>(
+        module, "DisableThreadLibraryCalls", reinterpret_cast<void*>(&EntryPointWatch::Disable));
+    current_->verify_ = std::make_unique<ScopedImportHook>(
+        module, "VerifyVersionInfoW", reinterpret_cast<void*>(&EntryPointWatch::Verify));
+  }
+
+  static BOOL WINAPI Disable(HMODULE module) {
+    current_->calls.push_back("DisableThreadLibraryCalls");
+    current_->modules.push_back(module);
+    return DisableThreadLibraryCalls(module);
+  }
+
+  static BOOL WINAPI Verify(OSVERSIONINFOEXW* version, DWORD typeMask, DWORDLONG condition) {
+    current_->calls.push_back("VerifyVersionInfoW");
+    current_->versions.push_back(*version);
+    current_->typeMasks.push_back(typeMask);
+    current_->conditions.push_back(condition);
+    return VerifyVersionInfoW(version, typeMask, condition);
+  }
+
+  static EntryPointWatch* current_;
+  void* cookie_ = nullptr;
+  std::unique_ptr<ScopedImportHook> disable_;
+  std::unique_ptr<ScopedImportHook> verify_;
+};
+
+EntryPointWatch* EntryPointWatch::current_ = nullptr;
+
+TEST(EntryPointTest, TurnsThreadNotificationsOffBeforeItComputesTheFlags) {
+  const LoadedLibrary* library = nullptr;
+  EntryPointWatch watch;
+  const LoadedLibrary loaded;
+  library = &loaded;
+
+  EXPECT_THAT(watch.calls, ElementsAre("DisableThreadLibraryCalls", "VerifyVersionInfoW",
+                                       "VerifyVersionInfoW", "VerifyVersionInfoW"));
+  EXPECT_THAT(watch.modules, ElementsAre(library->Module()));
+}
+
+TEST(EntryPointTest, AsksForItsBuildsInOrder) {
+  EntryPointWatch watch;
+  const LoadedLibrary library;
+
+  ASSERT_EQ(watch.versions.size(), 3u);
+  const DWORD builds[] = {17134, 17134, 17763};
+  for (std::size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(watch.versions[i].dwOSVersionInfoSize, 284u);
+    EXPECT_EQ(watch.versions[i].dwMajorVersion, 10u);
+    EXPECT_EQ(watch.versions[i].dwMinorVersion, 0u);
+    EXPECT_EQ(watch.versions[i].dwBuildNumber, builds[i]);
+    EXPECT_EQ(watch.typeMasks[i], 7u);
+    const BYTE condition = i == 1 ? VER_EQUAL : VER_GREATER_EQUAL;
+    DWORDLONG mask = 0;
+    for (const DWORD type : {VER_MAJORVERSION, VER_MINORVERSION, VER_BUILDNUMBER}) {
+      mask = VerSetConditionMask(mask, type, condition);
+    }
+    EXPECT_EQ(watch.conditions[i], mask);
+  }
+}
+
+TEST(EntryPointTest, DoesNothingWhenThreadsComeAndGo) {
+  EntryPointWatch watch;
+  const LoadedLibrary library;
+  const nimbra_test::ImageLog log(library.Module());
+  watch.calls.clear();
+  std::thread([] {}).join();
+  EXPECT_THAT(watch.calls, IsEmpty());
+  EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST(UnloadingTest, AnUnusedLibraryIsReallyUnloaded) {
+  {
+    const LoadedLibrary library;
+    EXPECT_TRUE(LoadedLibrary::IsLoaded());
+  }
+  EXPECT_FALSE(LoadedLibrary::IsLoaded());
+}
+
+TEST(UnloadingTest, CanBeLoadedAndUnloadedAgainAndAgain) {
+  for (int i = 0; i < 20; ++i) {
+    LoadedLibrary library;
+    CORVWinCFPlatformInfo info{};
+    NIMBRA_FUNCTION(library, CORVWinCFGetPlatformInfo)(&info);
+    CORVWinCFPlaceholderHandle placeholder = nullptr;
+    ASSERT_EQ(NIMBRA_FUNCTION(library, CORVWinCFPlaceholderNew)(&placeholder, "C:/x"), 0);
+    NIMBRA_FUNCTION(library, CORVWinCFPlaceholderRelease)(placeholder);
+    library.Free();
+    EXPECT_FALSE(LoadedLibrary::IsLoaded());
+  }
+}
+
+// Only a connection gives the platform addresses in the library.
+TEST(UnloadingTest, AFailedConnectionDoesNotKeepTheLibrary) {
+  LoadedLibrary library;
+  CORVWinCFSyncRootHandle root = nullptr;
+  CORVWinCFCallbackDelegatorHandle delegator = nullptr;
+  ASSERT_EQ(NIMBRA_FUNCTION(library, CORVWinCFSyncRootNew)(&root, "C:\\Sync", 1), 0);
+  ASSERT_EQ(NIMBRA_FUNCTION(library, CORVWinCFCallbackDelegatorNew)(&delegator, nullptr), 0);
+  EXPECT_LT(NIMBRA_FUNCTION(library, CORVWinCFSyncRootConnect)(root, delegator), 0);
+  NIMBRA_FUNCTION(library, CORVWinCFCallbackDelegatorRelease)(delegator);
+  NIMBRA_FUNCTION(library, CORVWinCFSyncRootRelease)(&root);
+  library.Free();
+  EXPECT_FALSE(LoadedLibrary::IsLoaded());
+}
+
+}  // namespace
