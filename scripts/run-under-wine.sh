@@ -7,7 +7,7 @@
 #   --prefix-name NAME  a prefix of this name that calls share; otherwise a call has its prefix to
 #                       itself while it runs
 #
-# NIMBRA_TEST_TIMEOUT  seconds after which the program and what it started are killed (120)
+# NIMBRA_TEST_TIMEOUT  seconds after which the program and what it started are killed (120; 0: never); 0: never
 # NIMBRA_WORK          the folder of the prefixes and all else that is made
 
 # shellcheck source=scripts/lib.sh
@@ -57,7 +57,7 @@ run_limited() {
   child=$!
   trap 'kill -TERM "$child" 2>/dev/null' TERM INT HUP
   wait "$child" 2>/dev/null || status=$?
-  if ((status == 124 || status > 128)) && ((SECONDS - start >= LIMIT)); then
+  if ((status == 124 || status > 128)) && ((LIMIT > 0 && SECONDS - start >= LIMIT)); then
     printf 'run-under-wine: killed after %s s: %s\n' "$LIMIT" "$1" >&2
     status=124
   elif ((status > 128 && status < 160)); then
