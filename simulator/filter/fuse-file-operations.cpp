@@ -1,0 +1,293 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+#include "fuse-requests.h"
+
+namespace cloud_filter::fuse {
+namespace {
+
+// Flags of the program's open that mean nothing for the file behind it.
+constexpr int kOwnFlags = O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_APPEND | O_DIRECT;
+
+ItemPtr ItemOf(fuse_req_t request, const OpenFile& file) {
+  auto item = MountOf(request).Files().ItemOf(file.node->File());
+  return item != nullptr ? item : file.item;
+}
+
+// Runs `next` once the whole file is present; answers with the error when that fails.
+template <class Next>
+void WhenWritable(fuse_req_t request, const ItemPtr& item, Next next) {
+  auto& mount = MountOf(request);
+  auto debt = std::make_shared<FuseMount::Debt>(mount);
+  mount.Files().WhenWritable(item, AboutToWait(request), [=](int error) {
+    if (error != 0) return ReplyError(request, error);
+    next();
+    static_cast<void>(debt);
+  });
+}
+
+void SendData(fuse_req_t request, const OpenFile& file, std::size_t size, off_t offset) {
+  fuse_bufvec data{};
+  data.count = 1;
+  data.buf[0].size = size;
+  data.buf[0].flags =
+      static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK | FUSE_BUF_FD_RETRY);
+  data.buf[0].fd = file.fd.Get();
+  data.buf[0].pos = offset;
+  fuse_reply_data(request, &data, FUSE_BUF_SPLICE_MOVE);
+}
+
+void ReadWhenPresent(fuse_req_t request, const OpenFile& file, std::size_t size, off_t offset) {
+  auto& mount = MountOf(request);
+  auto& files = mount.Files();
+  std::shared_lock<std::shared_mutex> hold;
+  const Range range{offset, offset + static_cast<off_t>(size)};
+  const auto item = ItemOf(request, file);
+  if (item == nullptr || files.TryRead(item, range, hold)) {
+    return SendData(request, file, size, offset);
+  }
+  auto debt = std::make_shared<FuseMount::Debt>(mount);
+  files.WhenReadable(item, range, AboutToWait(request), [=, &file](int error) {
+    if (error != 0) return ReplyError(request, error);
+    ReadWhenPresent(request, file, size, offset);
+    static_cast<void>(debt);
+  });
+}
+
+void WriteWhenPresent(fuse_req_t request, const OpenFile& file, const char* bytes, std::size_t size,
+                      off_t offset) {
+  auto& files = MountOf(request).Files();
+  const auto item = ItemOf(request, file);
+  std::unique_lock<std::shared_mutex> hold;
+  if (item != nullptr) {
+    if (!files.TryWrite(item, hold)) {
+      // The kernel's buffer is used again once this returns.
+      auto copy = std::make_shared<std::string>(bytes, size);
+      return WhenWritable(request, item, [=, &file] {
+        WriteWhenPresent(request, file, copy->data(), copy->size(), offset);
+      });
+    }
+    const Range range{offset, offset + static_cast<off_t>(size)};
+    const auto error = files.AboutToChange(item, range, fuse_req_ctx(request)->pid);
+    if (error != 0) return ReplyError(request, error);
+  }
+  const auto error = WriteAll(file.fd.Get(), {bytes, size}, offset);
+  if (error != 0) return ReplyError(request, error);
+  fuse_reply_write(request, size);
+}
+
+int Truncate(const Node& node, const fuse_file_info* info, off_t size) {
+  // The open file was opened when that was allowed; its mode may have changed since.
+  if (info != nullptr) {
+    return ftruncate(OpenFileOf(*info).fd.Get(), size) == 0 ? 0 : errno;
+  }
+  return truncate(ProcPath(node.reference.Get()).c_str(), size) == 0 ? 0 : errno;
+}
+
+int Shrink(FileService& files, const ItemPtr& item, const Node& node, const fuse_file_info* info,
+           off_t size, pid_t thread) {
+  std::unique_lock hold(item->data);
+  auto error = files.AboutToShrink(item, size, thread);
+  if (error == 0) error = Truncate(node, info, size);
+  // Those who now have all they waited for go on at once, and need the data.
+  hold.unlock();
+  files.Shrunk(item);
+  return error;
+}
+
+struct AttributeChange {
+  struct stat values {};
+  int which = 0;
+  std::optional<fuse_file_info> info;
+
+  [[nodiscard]] const fuse_file_info* Info() const { return info ? &*info : nullptr; }
+  [[nodiscard]] bool Has(int bit) const { return (which & bit) != 0; }
+};
+
+int ChangeTimes(const std::string& path, const AttributeChange& change) {
+  timespec times[2] = {{0, UTIME_OMIT}, {0, UTIME_OMIT}};
+  if (change.Has(FUSE_SET_ATTR_ATIME)) times[0] = change.values.st_atim;
+  if (change.Has(FUSE_SET_ATTR_MTIME)) times[1] = change.values.st_mtim;
+  if (change.Has(FUSE_SET_ATTR_ATIME_NOW)) times[0].tv_nsec = UTIME_NOW;
+  if (change.Has(FUSE_SET_ATTR_MTIME_NOW)) times[1].tv_nsec = UTIME_NOW;
+  return utimensat(AT_FDCWD, path.c_str(), times, 0) == 0 ? 0 : errno;
+}
+
+int ChangeOwner(int reference, const AttributeChange& change) {
+  const auto user = change.Has(FUSE_SET_ATTR_UID) ? change.values.st_uid : static_cast<uid_t>(-1);
+  const auto group = change.Has(FUSE_SET_ATTR_GID) ? change.values.st_gid : static_cast<gid_t>(-1);
+  return fchownat(reference, "", user, group, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+// All but the size.
+int ChangeTheRest(FileService& files, const Node& node, const AttributeChange& change,
+                  pid_t thread) {
+  const auto path = ProcPath(node.reference.Get());
+  if (change.Has(FUSE_SET_ATTR_MODE)) {
+    if (chmod(path.c_str(), change.values.st_mode & 07777U) != 0) return errno;
+    files.MetadataChanged(node.File(), policy::kTrackFileReadonly, policy::kTrackDirectoryReadonly,
+                          thread);
+  }
+  if (change.Has(FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) {
+    if (const auto error = ChangeOwner(node.reference.Get(), change)) return error;
+  }
+  if (!change.Has(FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME)) return 0;
+  if (const auto error = ChangeTimes(path, change)) return error;
+  if (change.Has(FUSE_SET_ATTR_MTIME)) {
+    files.MetadataChanged(node.File(), policy::kTrackFileLastWriteTime,
+                          policy::kTrackDirectoryLastWriteTime, thread);
+  }
+  return 0;
+}
+
+void ApplyChange(fuse_req_t request, Node& node, const AttributeChange& change);
+
+// True when the request is answered, or will be.
+bool ChangeSize(fuse_req_t request, Node& node, const AttributeChange& change) {
+  auto& files = MountOf(request).Files();
+  const auto thread = fuse_req_ctx(request)->pid;
+  auto item = files.ItemOf(node.File());
+  if (item == nullptr && change.info) item = OpenFileOf(*change.info).item;
+  const auto size = change.values.st_size;
+  auto error = 0;
+  std::unique_lock<std::shared_mutex> hold;
+  if (item == nullptr) {
+    error = Truncate(node, change.Info(), size);
+  } else if (const auto before = item->Size(); size < before) {
+    error = Shrink(files, item, node, change.Info(), size, thread);
+  } else if (!files.TryWrite(item, hold)) {
+    WhenWritable(request, item, [=, &node] { ApplyChange(request, node, change); });
+    return true;
+  } else if (size > before) {
+    error = files.AboutToChange(item, {before, size}, thread);
+    if (error == 0) error = Truncate(node, change.Info(), size);
+  }
+  if (error != 0) ReplyError(request, error);
+  return error != 0;
+}
+
+void ApplyChange(fuse_req_t request, Node& node, const AttributeChange& change) {
+  if (change.Has(FUSE_SET_ATTR_SIZE) && ChangeSize(request, node, change)) return;
+  auto& files = MountOf(request).Files();
+  const auto error = ChangeTheRest(files, node, change, fuse_req_ctx(request)->pid);
+  if (error != 0) return ReplyError(request, error);
+  ReplyAttributes(request, node.reference.Get());
+}
+
+// Hands the open file to the kernel. When the program has given up meanwhile, it is closed again.
+void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* info,
+                  const fuse_entry_param* created) {
+  auto& files = MountOf(request).Files();
+  const auto thread = fuse_req_ctx(request)->pid;
+  auto file = std::make_unique<OpenFile>();
+  file->fd = std::move(fd);
+  file->node = &node;
+  file->item = files.ItemOf(node.File());
+  info->fh = reinterpret_cast<std::uint64_t>(file.get());
+  files.Opened(node.File(), thread);
+  const auto result = created == nullptr ? fuse_reply_open(request, info)
+                                         : fuse_reply_create(request, created, info);
+  if (result == -ENOENT) {
+    files.Closed(node.File(), thread);
+  } else {
+    static_cast<void>(file.release());
+  }
+}
+
+}  // namespace
+
+OpenFile& OpenFileOf(const fuse_file_info& info) { return *reinterpret_cast<OpenFile*>(info.fh); }
+
+void SetAttributes(fuse_req_t request, fuse_ino_t id, struct stat* values, int which,
+                   fuse_file_info* info) {
+  if (id == kWhoAmINode) return ReplyError(request, EACCES);
+  AttributeChange change{*values, which, std::nullopt};
+  if (info != nullptr) change.info = *info;
+  ApplyChange(request, NodeOf(request, id), change);
+}
+
+void Open(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
+  if (id == kWhoAmINode) {
+    info->direct_io = 1;
+    fuse_reply_open(request, info);
+    return;
+  }
+  auto& node = NodeOf(request, id);
+  UniqueFd fd;
+  const auto error = OpenData(node.reference.Get(), info->flags & ~kOwnFlags, fd);
+  if (error != 0) return ReplyError(request, error);
+  GiveOpenFile(request, node, std::move(fd), info, nullptr);
+}
+
+void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
+            fuse_file_info* info) {
+  if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
+  auto& mount = MountOf(request);
+  auto& parent = mount.NodeOf(folder);
+  const auto flags = (info->flags & ~(kOwnFlags & ~(O_CREAT | O_EXCL))) | O_CREAT | O_CLOEXEC;
+  UniqueFd fd(openat(parent.reference.Get(), name, flags | O_NOFOLLOW, mode));
+  if (!fd) return ReplyError(request, errno);
+  fuse_entry_param entry{};
+  const auto error = LookUp(mount, parent, name, entry);
+  if (error != 0) return ReplyError(request, error);
+  GiveOpenFile(request, mount.NodeOf(entry.ino), std::move(fd), info, &entry);
+}
+
+void Read(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t offset, fuse_file_info* info) {
+  if (id != kWhoAmINode) return ReadWhenPresent(request, OpenFileOf(*info), size, offset);
+  const auto text = std::to_string(ProcessOfThread(fuse_req_ctx(request)->pid));
+  const auto start = std::min(text.size(), static_cast<std::size_t>(offset));
+  fuse_reply_buf(request, text.data() + start, std::min(size, text.size() - start));
+}
+
+void Write(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t offset,
+           fuse_file_info* info) {
+  WriteWhenPresent(request, OpenFileOf(*info), bytes, size, offset);
+}
+
+void Flush(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
+  if (id == kWhoAmINode) return ReplyError(request, 0);
+  // Errors of late writes come out at close.
+  const auto closed = close(dup(OpenFileOf(*info).fd.Get()));
+  ReplyError(request, closed == 0 ? 0 : errno);
+}
+
+void Release(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
+  if (id == kWhoAmINode) return ReplyError(request, 0);
+  const std::unique_ptr<OpenFile> file(&OpenFileOf(*info));
+  MountOf(request).Files().Closed(file->node->File(), fuse_req_ctx(request)->pid);
+  file->fd.Reset();
+  ReplyError(request, 0);
+}
+
+void Sync(fuse_req_t request, fuse_ino_t, int dataOnly, fuse_file_info* info) {
+  const auto fd = OpenFileOf(*info).fd.Get();
+  const auto result = dataOnly != 0 ? fdatasync(fd) : fsync(fd);
+  ReplyError(request, result == 0 ? 0 : errno);
+}
+
+void Allocate(fuse_req_t request, fuse_ino_t id, int mode, off_t offset, off_t length,
+              fuse_file_info* info) {
+  const auto& file = OpenFileOf(*info);
+  auto& files = MountOf(request).Files();
+  const auto item = ItemOf(request, file);
+  std::unique_lock<std::shared_mutex> hold;
+  if (item != nullptr) {
+    if (!files.TryWrite(item, hold)) {
+      return WhenWritable(request, item, [=, kept = *info] {
+        auto copy = kept;
+        Allocate(request, id, mode, offset, length, &copy);
+      });
+    }
+    const auto error =
+        files.AboutToChange(item, {offset, offset + length}, fuse_req_ctx(request)->pid);
+    if (error != 0) return ReplyError(request, error);
+  }
+  ReplyError(request, fallocate(file.fd.Get(), mode, offset, length) == 0 ? 0 : errno);
+}
+
+}  // namespace cloud_filter::fuse

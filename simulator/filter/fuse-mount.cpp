@@ -1,0 +1,168 @@
+#include "fuse-mount.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+extern char** environ;
+
+namespace cloud_filter {
+namespace {
+
+// None of them ever waits for a provider.
+constexpr int kWorkers = 4;
+constexpr unsigned kMaxBackground = 512;
+
+void UnmountLazily(const std::string& path) {
+  if (umount2(path.c_str(), MNT_DETACH) == 0) return;
+  std::string program = "fusermount3";
+  std::string unmount = "-u";
+  std::string lazy = "-z";
+  std::string quiet = "-q";
+  std::string target = path;
+  char* arguments[] = {program.data(), unmount.data(), lazy.data(),
+                       quiet.data(),   target.data(),  nullptr};
+  pid_t child = 0;
+  if (posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments, environ) != 0) return;
+  waitpid(child, nullptr, 0);
+}
+
+}  // namespace
+
+void RemoveStaleMount(const std::string& path) {
+  constexpr int kMaxLayers = 16;
+  for (int layer = 0; layer < kMaxLayers; ++layer) {
+    struct stat facts {};
+    if (stat(path.c_str(), &facts) == 0 || (errno != ENOTCONN && errno != ECONNABORTED)) return;
+    UnmountLazily(path);
+  }
+}
+
+std::string WhyNoFuse() {
+  const UniqueFd device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+  return device ? std::string() : std::string("/dev/fuse: ") + std::strerror(errno);
+}
+
+Node* NodeTable::Intern(UniqueFd reference, const struct stat& facts) {
+  std::lock_guard lock(mutex_);
+  auto& node = nodes_[{facts.st_ino, facts.st_dev}];
+  if (node == nullptr) {
+    node = std::make_unique<Node>();
+    node->reference = std::move(reference);
+    node->inode = facts.st_ino;
+    node->device = facts.st_dev;
+  }
+  ++node->lookups;
+  return node.get();
+}
+
+void NodeTable::Forget(Node* node, std::uint64_t lookups) {
+  std::lock_guard lock(mutex_);
+  node->lookups -= std::min(lookups, node->lookups);
+  if (node->lookups == 0) nodes_.erase({node->inode, node->device});
+}
+
+std::optional<fuse_ino_t> NodeTable::IdOf(ino_t inode) {
+  std::lock_guard lock(mutex_);
+  const auto found = nodes_.lower_bound({inode, 0});
+  if (found == nodes_.end() || found->first.first != inode) return std::nullopt;
+  return reinterpret_cast<fuse_ino_t>(found->second.get());
+}
+
+FuseMount::Debt::Debt(FuseMount& mount) : mount_(mount) {
+  std::lock_guard lock(mount_.debtMutex_);
+  ++mount_.debts_;
+}
+
+FuseMount::Debt::~Debt() {
+  std::lock_guard lock(mount_.debtMutex_);
+  --mount_.debts_;
+  mount_.debtPaid_.notify_all();
+}
+
+std::shared_ptr<FuseMount> FuseMount::Create(Core& core, const RootPtr& root, std::string& error) {
+  std::shared_ptr<FuseMount> mount(new FuseMount(core, root));
+  return mount->Mount(error) ? mount : nullptr;
+}
+
+FuseMount::FuseMount(Core& core, const RootPtr& root)
+    : core_(core), root_(root), files_(core, root), stop_(eventfd(0, EFD_CLOEXEC)) {
+  rootNode_.reference.Reset(openat(root->folder.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  rootNode_.inode = root->inode;
+}
+
+bool FuseMount::Mount(std::string& error) {
+  std::string program = "cloud-filterd";
+  std::string option = "-o";
+  std::string values = "default_permissions,fsname=cloud-filter";
+  char* arguments[] = {program.data(), option.data(), values.data(), nullptr};
+  fuse_args args{3, arguments, 0};
+  session_ = fuse_session_new(&args, &FuseOperations(), sizeof(fuse_lowlevel_ops), this);
+  fuse_opt_free_args(&args);
+  if (session_ == nullptr) {
+    error = "the FUSE library refused the session";
+    return false;
+  }
+  if (fuse_session_mount(session_, root_->record.path.c_str()) != 0) {
+    error = "the mount was refused";
+    return false;
+  }
+  const auto fd = fuse_session_fd(session_);
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  for (int i = 0; i < kWorkers; ++i) workers_.emplace_back([this] { Work(); });
+  return true;
+}
+
+void FuseMount::Work() {
+  fuse_buf buffer{};
+  pollfd waits[] = {{fuse_session_fd(session_), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
+  while (!fuse_session_exited(session_)) {
+    if (poll(waits, 2, -1) < 0 && errno != EINTR) break;
+    if ((waits[1].revents & POLLIN) != 0) break;
+    const auto got = fuse_session_receive_buf(session_, &buffer);
+    if (got == -EINTR || got == -EAGAIN) continue;
+    if (got <= 0) break;
+    fuse_session_process_buf(session_, &buffer);
+  }
+  std::free(buffer.mem);
+}
+
+FuseMount::~FuseMount() {
+  eventfd_write(stop_.Get(), 1);
+  for (auto& worker : workers_) worker.join();
+  if (session_ == nullptr) return;
+  {
+    Guard guard(core_);
+    core_.hydration.RootGone(guard, *root_, hr::kProviderTerminated);
+    core_.notifications.RootGone(guard, *root_, hr::kProviderTerminated);
+  }
+  {
+    std::unique_lock lock(debtMutex_);
+    debtPaid_.wait(lock, [this] { return debts_ == 0; });
+  }
+  // The mount is detached and the device closed, so programs that still have files open get errors
+  // and none hangs.
+  fuse_session_unmount(session_);
+  fuse_session_destroy(session_);
+}
+
+void FuseMount::Invalidate(ino_t inode) {
+  const auto id =
+      inode == rootNode_.inode ? std::optional<fuse_ino_t>(FUSE_ROOT_ID) : nodes_.IdOf(inode);
+  if (id) fuse_lowlevel_notify_inval_inode(session_, *id, 0, 0);
+}
+
+Node& FuseMount::NodeOf(fuse_ino_t id) {
+  return id == FUSE_ROOT_ID ? rootNode_ : *reinterpret_cast<Node*>(id);
+}
+
+}  // namespace cloud_filter

@@ -1,0 +1,110 @@
+#ifndef NIMBRA_SIMULATOR_FILTER_FUSE_MOUNT_H_
+#define NIMBRA_SIMULATOR_FILTER_FUSE_MOUNT_H_
+
+#define FUSE_USE_VERSION 312
+#include <fuse_lowlevel.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "core.h"
+#include "file-service.h"
+#include "unique-fd.h"
+
+namespace cloud_filter {
+
+// A file or folder that the kernel knows.
+struct Node {
+  UniqueFd reference;
+  ino_t inode = 0;
+  dev_t device = 0;
+  std::uint64_t lookups = 0;
+
+  [[nodiscard]] FileRef File() const { return {reference.Get(), inode}; }
+};
+
+// The nodes of a mount. Each keeps its file open as a reference until the kernel forgets it, so an
+// inode number stays true and renames need no bookkeeping.
+class NodeTable {
+ public:
+  // Takes the reference over, or drops it when the file is known; counts one look-up.
+  Node* Intern(UniqueFd reference, const struct stat& facts);
+  void Forget(Node* node, std::uint64_t lookups);
+  // The kernel's name for a file, if it has one.
+  std::optional<fuse_ino_t> IdOf(ino_t inode);
+
+ private:
+  std::mutex mutex_;
+  std::map<std::pair<ino_t, dev_t>, std::unique_ptr<Node>> nodes_;
+};
+
+// Mounts a sync root over its own folder and serves it. Programs see the folder's files; what is
+// missing is fetched when it is read.
+class FuseMount : public FrontEnd {
+ public:
+  // Null when it cannot be mounted; `error` says why.
+  static std::shared_ptr<FuseMount> Create(Core& core, const RootPtr& root, std::string& error);
+  ~FuseMount() override;
+  FuseMount(const FuseMount&) = delete;
+  FuseMount& operator=(const FuseMount&) = delete;
+
+  void Invalidate(ino_t inode) override;
+
+  [[nodiscard]] FileService& Files() { return files_; }
+  [[nodiscard]] NodeTable& Nodes() { return nodes_; }
+  [[nodiscard]] Node& RootNode() { return rootNode_; }
+  [[nodiscard]] const Root& TheRoot() const { return *root_; }
+  Node& NodeOf(fuse_ino_t id);
+
+  // One answer that is still owed to the kernel. The mount outlives all of them.
+  class Debt {
+   public:
+    explicit Debt(FuseMount& mount);
+    ~Debt();
+    Debt(const Debt&) = delete;
+    Debt& operator=(const Debt&) = delete;
+
+   private:
+    FuseMount& mount_;
+  };
+
+ private:
+  FuseMount(Core& core, const RootPtr& root);
+  bool Mount(std::string& error);
+  void Work();
+
+  Core& core_;
+  RootPtr root_;
+  FileService files_;
+  NodeTable nodes_;
+  Node rootNode_;
+  fuse_session* session_ = nullptr;
+  UniqueFd stop_;
+  std::vector<std::thread> workers_;
+  std::mutex debtMutex_;
+  std::condition_variable debtPaid_;
+  int debts_ = 0;
+};
+
+// The kernel's requests; the session's user data is the mount.
+const fuse_lowlevel_ops& FuseOperations();
+
+// The node number of the file that tells a program its own process id.
+inline constexpr fuse_ino_t kWhoAmINode = ~fuse_ino_t{0} - 1;
+
+// Takes away what a daemon that died has left mounted at `path`.
+void RemoveStaleMount(const std::string& path);
+// Why nothing can be mounted here; empty when it can.
+std::string WhyNoFuse();
+
+}  // namespace cloud_filter
+
+#endif  // NIMBRA_SIMULATOR_FILTER_FUSE_MOUNT_H_

@@ -1,0 +1,288 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "fuse-requests.h"
+
+namespace cloud_filter::fuse {
+namespace {
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+
+// A folder that a program is listing.
+struct OpenedFolder {
+  std::unique_ptr<DIR, CloseFolder> listing;
+  off_t position = 0;
+  dirent* next = nullptr;  // read but not handed over
+};
+
+OpenedFolder& FolderOf(const fuse_file_info& info) {
+  return *reinterpret_cast<OpenedFolder*>(info.fh);
+}
+
+std::string Join(const std::string& folder, const char* name) { return folder + "/" + name; }
+
+std::string BelowRoot(const FuseMount& mount, const std::string& path) {
+  const auto& top = mount.TheRoot().record.path;
+  return path.size() > top.size() ? path.substr(top.size() + 1) : std::string();
+}
+
+// A name that is about to be removed or moved, held so that the file keeps its identity.
+struct Victim {
+  UniqueFd reference;
+  struct stat facts {};
+  ItemPtr item;
+
+  [[nodiscard]] FileRef File() const { return {reference.Get(), facts.st_ino}; }
+};
+
+int Hold(FuseMount& mount, const Node& folder, const char* name, Victim& victim) {
+  victim.reference.Reset(openat(folder.reference.Get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!victim.reference) return errno;
+  if (fstat(victim.reference.Get(), &victim.facts) != 0) return errno;
+  victim.item = mount.Files().ItemOf(victim.File());
+  return 0;
+}
+
+void ReplyEntry(fuse_req_t request, Node& folder, const char* name) {
+  fuse_entry_param entry{};
+  const auto error = LookUp(MountOf(request), folder, name, entry);
+  if (error != 0) return ReplyError(request, error);
+  fuse_reply_entry(request, &entry);
+}
+
+void Remove(fuse_req_t request, fuse_ino_t folder, const char* name, int flags) {
+  if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
+  auto& mount = MountOf(request);
+  auto& parent = mount.NodeOf(folder);
+  auto victim = std::make_shared<Victim>();
+  if (const auto error = Hold(mount, parent, name, *victim)) return ReplyError(request, error);
+  const auto thread = fuse_req_ctx(request)->pid;
+  const auto finish = [=, &mount, &parent, leaf = std::string(name)](int error) {
+    const auto path = Join(PathOf(parent.reference.Get()), leaf.c_str());
+    if (error == 0 && unlinkat(parent.reference.Get(), leaf.c_str(), flags) != 0) error = errno;
+    if (error == 0) {
+      mount.Files().Deleted(victim->item, victim->facts.st_ino, BelowRoot(mount, path), thread);
+    }
+    ReplyError(request, error);
+  };
+  if (victim->item == nullptr) return finish(0);
+  auto debt = std::make_shared<FuseMount::Debt>(mount);
+  mount.Files().AskDelete(victim->File(), AboutToWait(request),
+                          [finish, debt](int error) { finish(error); });
+}
+
+struct Move {
+  Node* from = nullptr;
+  std::string name;
+  Node* to = nullptr;
+  std::string newName;
+  unsigned flags = 0;
+  pid_t thread = 0;
+  Victim moved;
+};
+
+int DoMove(FuseMount& mount, const Move& move) {
+  const auto source = Join(PathOf(move.from->reference.Get()), move.name.c_str());
+  Victim replaced;
+  const auto replaces = Hold(mount, *move.to, move.newName.c_str(), replaced) == 0;
+  if (renameat2(move.from->reference.Get(), move.name.c_str(), move.to->reference.Get(),
+                move.newName.c_str(), move.flags) != 0) {
+    return errno;
+  }
+  const auto stays =
+      (move.flags & RENAME_EXCHANGE) != 0 || replaced.facts.st_ino == move.moved.facts.st_ino;
+  if (replaces && !stays && replaced.item != nullptr) mount.Files().Replaced(replaced.File());
+  mount.Files().Renamed(move.moved.item, source, move.to->File(), move.thread);
+  return 0;
+}
+
+template <class AddEntry>
+void List(fuse_req_t request, std::size_t size, off_t offset, fuse_file_info* info,
+          AddEntry addEntry) {
+  auto& folder = FolderOf(*info);
+  std::vector<char> buffer(size);
+  std::size_t used = 0;
+  if (offset != folder.position) {
+    seekdir(folder.listing.get(), offset);
+    folder.next = nullptr;
+    folder.position = offset;
+  }
+  auto error = 0;
+  while (true) {
+    if (folder.next == nullptr) {
+      errno = 0;
+      folder.next = readdir(folder.listing.get());
+      if (folder.next == nullptr) {
+        error = errno;
+        break;
+      }
+    }
+    const auto needed = addEntry(buffer.data() + used, size - used, *folder.next);
+    if (needed > size - used) break;
+    used += needed;
+    folder.position = folder.next->d_off;
+    folder.next = nullptr;
+  }
+  if (error != 0 && used == 0) return ReplyError(request, error);
+  fuse_reply_buf(request, buffer.data(), used);
+}
+
+bool IsDots(const char* name) {
+  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+}  // namespace
+
+int LookUp(FuseMount& mount, Node& folder, const char* name, fuse_entry_param& entry) {
+  UniqueFd reference(openat(folder.reference.Get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!reference) return errno;
+  if (fstatat(reference.Get(), "", &entry.attr, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno;
+  }
+  entry.ino = reinterpret_cast<fuse_ino_t>(mount.Nodes().Intern(std::move(reference), entry.attr));
+  return 0;
+}
+
+void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
+  if (IsWhoAmI(folder, name)) {
+    fuse_entry_param entry{};
+    entry.ino = kWhoAmINode;
+    entry.attr = WhoAmIAttributes();
+    fuse_reply_entry(request, &entry);
+    return;
+  }
+  ReplyEntry(request, NodeOf(request, folder), name);
+}
+
+void Forget(fuse_req_t request, fuse_ino_t id, std::uint64_t lookups) {
+  if (id != FUSE_ROOT_ID && id != kWhoAmINode) {
+    MountOf(request).Nodes().Forget(&NodeOf(request, id), lookups);
+  }
+  fuse_reply_none(request);
+}
+
+void ForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* forgets) {
+  for (std::size_t i = 0; i < count; ++i) {
+    if (forgets[i].ino == FUSE_ROOT_ID || forgets[i].ino == kWhoAmINode) continue;
+    MountOf(request).Nodes().Forget(&NodeOf(request, forgets[i].ino), forgets[i].nlookup);
+  }
+  fuse_reply_none(request);
+}
+
+void MakeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, dev_t device) {
+  if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
+  auto& parent = NodeOf(request, folder);
+  if (mknodat(parent.reference.Get(), name, mode, device) != 0) return ReplyError(request, errno);
+  ReplyEntry(request, parent, name);
+}
+
+void MakeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) {
+  if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
+  auto& parent = NodeOf(request, folder);
+  if (mkdirat(parent.reference.Get(), name, mode) != 0) return ReplyError(request, errno);
+  ReplyEntry(request, parent, name);
+}
+
+void Unlink(fuse_req_t request, fuse_ino_t folder, const char* name) {
+  Remove(request, folder, name, 0);
+}
+
+void RemoveFolder(fuse_req_t request, fuse_ino_t folder, const char* name) {
+  Remove(request, folder, name, AT_REMOVEDIR);
+}
+
+void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t newFolder,
+            const char* newName, unsigned flags) {
+  if (IsWhoAmI(folder, name) || IsWhoAmI(newFolder, newName)) return ReplyError(request, EACCES);
+  auto& mount = MountOf(request);
+  auto move = std::make_shared<Move>();
+  move->from = &mount.NodeOf(folder);
+  move->name = name;
+  move->to = &mount.NodeOf(newFolder);
+  move->newName = newName;
+  move->flags = flags;
+  move->thread = fuse_req_ctx(request)->pid;
+  if (const auto error = Hold(mount, *move->from, name, move->moved)) {
+    return ReplyError(request, error);
+  }
+  if (move->moved.item == nullptr) return ReplyError(request, DoMove(mount, *move));
+  const auto target = Join(PathOf(move->to->reference.Get()), newName);
+  auto debt = std::make_shared<FuseMount::Debt>(mount);
+  mount.Files().AskRename(move->moved.File(), target, AboutToWait(request),
+                          [request, &mount, move, debt](int error) {
+                            ReplyError(request, error != 0 ? error : DoMove(mount, *move));
+                          });
+}
+
+void SymbolicLink(fuse_req_t request, const char* target, fuse_ino_t folder, const char* name) {
+  if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
+  auto& parent = NodeOf(request, folder);
+  if (symlinkat(target, parent.reference.Get(), name) != 0) return ReplyError(request, errno);
+  ReplyEntry(request, parent, name);
+}
+
+void HardLink(fuse_req_t request, fuse_ino_t id, fuse_ino_t newFolder, const char* newName) {
+  if (id == kWhoAmINode || IsWhoAmI(newFolder, newName)) return ReplyError(request, EACCES);
+  auto& node = NodeOf(request, id);
+  // Documented: links to placeholders only where the policy allows them.
+  if (!MountOf(request).Files().HardLinkAllowed(node.File())) return ReplyError(request, EPERM);
+  auto& parent = NodeOf(request, newFolder);
+  if (linkat(AT_FDCWD, ProcPath(node.reference.Get()).c_str(), parent.reference.Get(), newName,
+             AT_SYMLINK_FOLLOW) != 0) {
+    return ReplyError(request, errno);
+  }
+  ReplyEntry(request, parent, newName);
+}
+
+void OpenFolder(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
+  UniqueFd fd(openat(NodeOf(request, id).reference.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return ReplyError(request, errno);
+  auto folder = std::make_unique<OpenedFolder>();
+  folder->listing.reset(fdopendir(fd.Get()));
+  if (folder->listing == nullptr) return ReplyError(request, errno);
+  static_cast<void>(fd.Release());
+  info->fh = reinterpret_cast<std::uint64_t>(folder.get());
+  if (fuse_reply_open(request, info) == 0) static_cast<void>(folder.release());
+}
+
+void ReadFolder(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
+                fuse_file_info* info) {
+  List(request, size, offset, info, [=](char* at, std::size_t room, const dirent& entry) {
+    struct stat facts {};
+    facts.st_ino = entry.d_ino;
+    facts.st_mode = static_cast<mode_t>(entry.d_type) << 12U;
+    return fuse_add_direntry(request, at, room, entry.d_name, &facts, entry.d_off);
+  });
+}
+
+void ReadFolderPlus(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t offset,
+                    fuse_file_info* info) {
+  auto& mount = MountOf(request);
+  auto& folder = mount.NodeOf(id);
+  List(request, size, offset, info, [&](char* at, std::size_t room, const dirent& entry) {
+    fuse_entry_param found{};
+    found.attr.st_ino = entry.d_ino;
+    found.attr.st_mode = static_cast<mode_t>(entry.d_type) << 12U;
+    // An entry that vanished meanwhile goes without its look-up.
+    if (!IsDots(entry.d_name)) LookUp(mount, folder, entry.d_name, found);
+    const auto needed =
+        fuse_add_direntry_plus(request, at, room, entry.d_name, &found, entry.d_off);
+    if (needed > room && found.ino != 0) mount.Nodes().Forget(&mount.NodeOf(found.ino), 1);
+    return needed;
+  });
+}
+
+void ReleaseFolder(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
+  const std::unique_ptr<OpenedFolder> closed(&FolderOf(*info));
+  ReplyError(request, 0);
+}
+
+}  // namespace cloud_filter::fuse

@@ -1,0 +1,69 @@
+#ifndef NIMBRA_SIMULATOR_FILTER_FUSE_REQUESTS_H_
+#define NIMBRA_SIMULATOR_FILTER_FUSE_REQUESTS_H_
+
+// What the handlers of kernel requests share, and the handlers. A handler answers its request
+// exactly once, possibly later and from another thread.
+
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+
+#include "fuse-mount.h"
+
+namespace cloud_filter::fuse {
+
+FuseMount& MountOf(fuse_req_t request);
+Node& NodeOf(fuse_req_t request, fuse_ino_t id);
+
+// Names a request that is about to wait, so that the kernel's interrupt finds it.
+Waiting AboutToWait(fuse_req_t request);
+
+void ReplyError(fuse_req_t request, int error);
+// Attributes as they are now; nothing is ever kept by the kernel, for calls of the API change files
+// behind its back.
+void ReplyAttributes(fuse_req_t request, int reference);
+
+// Finds `name` in a folder: counts the look-up and fills `entry`. 0 or an errno.
+int LookUp(FuseMount& mount, Node& folder, const char* name, fuse_entry_param& entry);
+bool IsWhoAmI(fuse_ino_t folder, const char* name);
+struct stat WhoAmIAttributes();
+
+// A file that a program has open.
+struct OpenFile {
+  UniqueFd fd;
+  Node* node = nullptr;
+  ItemPtr item;  // as it was when the file was opened; tells about a deleted one
+};
+OpenFile& OpenFileOf(const fuse_file_info& info);
+
+// Files.
+void SetAttributes(fuse_req_t, fuse_ino_t, struct stat*, int, fuse_file_info*);
+void Open(fuse_req_t, fuse_ino_t, fuse_file_info*);
+void Create(fuse_req_t, fuse_ino_t, const char*, mode_t, fuse_file_info*);
+void Read(fuse_req_t, fuse_ino_t, std::size_t, off_t, fuse_file_info*);
+void Write(fuse_req_t, fuse_ino_t, const char*, std::size_t, off_t, fuse_file_info*);
+void Flush(fuse_req_t, fuse_ino_t, fuse_file_info*);
+void Release(fuse_req_t, fuse_ino_t, fuse_file_info*);
+void Sync(fuse_req_t, fuse_ino_t, int, fuse_file_info*);
+void Allocate(fuse_req_t, fuse_ino_t, int, off_t, off_t, fuse_file_info*);
+
+// Names.
+void Lookup(fuse_req_t, fuse_ino_t, const char*);
+void Forget(fuse_req_t, fuse_ino_t, std::uint64_t);
+void ForgetMany(fuse_req_t, std::size_t, fuse_forget_data*);
+void MakeNode(fuse_req_t, fuse_ino_t, const char*, mode_t, dev_t);
+void MakeFolder(fuse_req_t, fuse_ino_t, const char*, mode_t);
+void Unlink(fuse_req_t, fuse_ino_t, const char*);
+void RemoveFolder(fuse_req_t, fuse_ino_t, const char*);
+void Rename(fuse_req_t, fuse_ino_t, const char*, fuse_ino_t, const char*, unsigned);
+void SymbolicLink(fuse_req_t, const char*, fuse_ino_t, const char*);
+void HardLink(fuse_req_t, fuse_ino_t, fuse_ino_t, const char*);
+void OpenFolder(fuse_req_t, fuse_ino_t, fuse_file_info*);
+void ReadFolder(fuse_req_t, fuse_ino_t, std::size_t, off_t, fuse_file_info*);
+void ReadFolderPlus(fuse_req_t, fuse_ino_t, std::size_t, off_t, fuse_file_info*);
+void ReleaseFolder(fuse_req_t, fuse_ino_t, fuse_file_info*);
+
+}  // namespace cloud_filter::fuse
+
+#endif  // NIMBRA_SIMULATOR_FILTER_FUSE_REQUESTS_H_
