@@ -30,7 +30,7 @@ usage_error() {
 
 # print_help: the comment at the top of the running script is its manual.
 print_help() {
-  sed -n '2,/^[^#]/{ s/^# \{0,1\}//p }' "$0"
+  sed -n '2,/^$/{ s/^# \{0,1\}//p }' "$0"
 }
 
 # choose_work_directory: sets and exports NIMBRA_WORK, the folder that everything made goes to: the
@@ -60,9 +60,21 @@ seconds_since() {
   awk -v from="$1" -v to="$EPOCHREALTIME" 'BEGIN { printf "%.1f", to - from }'
 }
 
+# show_failure <log>: its lines from the first error on, or else its last ones.
+show_failure() {
+  local most="${STAGE_LINES:-40}" first
+  first="$(grep -n -m 1 -E '^FAILED: |error: |Error' -- "$1" | cut -d: -f1)" || true
+  if [[ -n $first ]]; then
+    tail -n "+$first" -- "$1" | awk -v most="$most" 'NR <= most'
+  else
+    tail -n "$most" -- "$1"
+  fi | sed 's/^/    /'
+  printf '    %s(all of it: %s)%s\n' "$DIM" "$1" "$PLAIN"
+}
+
 # stage <title> <log> <command>...: runs a step with its output in the log, and prints one line: the
-# title, the outcome, the seconds. After a failure the end of the log follows. Descriptor 7 is the lock of the
-# command that runs, which nothing that it starts may hold.
+# title, the outcome, the seconds. What failed follows. Descriptor 7 is the running command's lock,
+# which nothing that it starts may hold.
 stage() {
   local title=$1 log=$2 start status=0
   shift 2
@@ -73,8 +85,7 @@ stage() {
     printf '%sok%s %9s s\n' "$GREEN" "$PLAIN" "$(seconds_since "$start")"
   else
     printf '%sfailed%s %5s s\n' "$RED" "$PLAIN" "$(seconds_since "$start")"
-    tail -n "${STAGE_LINES:-40}" -- "$log" | sed 's/^/    /'
-    printf '    %s(all of it: %s)%s\n' "$DIM" "$log" "$PLAIN"
+    show_failure "$log"
   fi
   return "$status"
 }
