@@ -50,10 +50,8 @@ TEST_F(Creating, DocumentedFilesNeedAnIdentityOfAtMost4096Bytes) {
 }
 
 TEST_F(Creating, DocumentedNeedsASyncRoot) {
-  CF_PLACEHOLDER_CREATE_INFO entry = Entry({});
   const std::wstring outside = Root().substr(0, Root().find_last_of(L'\\'));
-  EXPECT_EQ(CfCreatePlaceholders(outside.c_str(), &entry, 1, CF_CREATE_FLAG_NONE, nullptr),
-            Win32(ERROR_CLOUD_FILE_NOT_UNDER_SYNC_ROOT));
+  EXPECT_EQ(CreateIn(outside, {}), Win32(ERROR_CLOUD_FILE_NOT_UNDER_SYNC_ROOT));
 }
 
 TEST_F(Creating, DocumentedTriesAllEntriesAndReturnsTheFirstFailure) {
@@ -306,6 +304,14 @@ TEST_F(Changing, DocumentedALocalChangeOfTheDataEndsTheInSyncState) {
   EXPECT_EQ(ReadAll(At(L"file.bin")).bytes, expected);
 }
 
+TEST_F(Changing, GuessedTheProvidersOwnChangesCanBeExempt) {
+  policies_.InSync = CF_INSYNC_POLICY_PRESERVE_INSYNC_FOR_SYNC_ENGINE;
+  ASSERT_EQ(Register(CF_REGISTER_FLAG_UPDATE), S_OK);
+  ASSERT_EQ(Create({}), S_OK);
+  ASSERT_EQ(WriteAt(At(L"file.bin"), 100, "changed"), DWORD{ERROR_SUCCESS});
+  EXPECT_EQ(InfoOf(At(L"file.bin")).standard.InSyncState, CF_IN_SYNC_STATE_IN_SYNC);
+}
+
 class Pinning : public SyncRootTest {
  protected:
   static HRESULT Pin(const std::wstring& path, CF_PIN_STATE state,
@@ -319,9 +325,7 @@ class Pinning : public SyncRootTest {
     NewFile folder{L"folder", 0, {}, CF_PLACEHOLDER_CREATE_FLAG_DISABLE_ON_DEMAND_POPULATION};
     folder.attributes = FILE_ATTRIBUTE_DIRECTORY;
     ASSERT_EQ(Create(folder), S_OK);
-    CF_PLACEHOLDER_CREATE_INFO inner = Entry({L"inner.bin"});
-    ASSERT_EQ(CfCreatePlaceholders(At(L"folder").c_str(), &inner, 1, CF_CREATE_FLAG_NONE, nullptr),
-              S_OK);
+    ASSERT_EQ(CreateIn(At(L"folder"), {L"inner.bin"}), S_OK);
   }
 };
 
@@ -360,9 +364,7 @@ TEST_F(Pinning, DocumentedCanTakeAFoldersContentsOnly) {
 TEST_F(Pinning, DocumentedANewFileTakesTheStateOfItsFolder) {
   MakeFolderWithFile();
   ASSERT_EQ(Pin(At(L"folder"), CF_PIN_STATE_PINNED), S_OK);
-  CF_PLACEHOLDER_CREATE_INFO entry = Entry({L"later.bin"});
-  ASSERT_EQ(CfCreatePlaceholders(At(L"folder").c_str(), &entry, 1, CF_CREATE_FLAG_NONE, nullptr),
-            S_OK);
+  ASSERT_EQ(CreateIn(At(L"folder"), {L"later.bin"}), S_OK);
   EXPECT_EQ(PinOf(At(L"folder\\later.bin")), CF_PIN_STATE_PINNED);
 }
 

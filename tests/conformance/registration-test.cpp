@@ -97,6 +97,7 @@ TEST_F(Registration, DocumentedUnregisteringAnUnknownFolderSaysItIsUnderNoRoot) 
 }
 
 TEST_F(Registration, DocumentedTellsWhatWasRegisteredForAnyFileBelowTheRoot) {
+  policies_.InSync = CF_INSYNC_POLICY_PRESERVE_INSYNC_FOR_SYNC_ENGINE;
   policies_.HardLink = CF_HARDLINK_POLICY_ALLOWED;
   policies_.Hydration.Modifier.us = CF_HYDRATION_POLICY_MODIFIER_AUTO_DEHYDRATION_ALLOWED;
   ASSERT_EQ(Register(), S_OK);

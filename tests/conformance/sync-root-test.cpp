@@ -72,7 +72,6 @@ void FolderTest::SetUp() {
   policies_.StructSize = sizeof policies_;
   policies_.Hydration.Primary.us = CF_HYDRATION_POLICY_FULL;
   policies_.Population.Primary.us = CF_POPULATION_POLICY_ALWAYS_FULL;
-  policies_.InSync = CF_INSYNC_POLICY_PRESERVE_INSYNC_FOR_SYNC_ENGINE;
 }
 
 void FolderTest::TearDown() {
@@ -100,9 +99,9 @@ CF_PLACEHOLDER_CREATE_INFO FolderTest::Entry(const NewFile& file) {
   return entry;
 }
 
-HRESULT FolderTest::Create(const NewFile& file) const {
+HRESULT FolderTest::CreateIn(const std::wstring& folder, const NewFile& file) {
   CF_PLACEHOLDER_CREATE_INFO entry = Entry(file);
-  return CfCreatePlaceholders(root_.c_str(), &entry, 1, CF_CREATE_FLAG_NONE, nullptr);
+  return CfCreatePlaceholders(folder.c_str(), &entry, 1, CF_CREATE_FLAG_NONE, nullptr);
 }
 
 void RegisteredTest::SetUp() {

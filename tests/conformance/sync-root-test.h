@@ -57,9 +57,12 @@ class FolderTest : public testing::Test {
 
   [[nodiscard]] HRESULT Register(CF_REGISTER_FLAGS flags = CF_REGISTER_FLAG_NONE) const;
 
-  // Creates placeholders in a folder; the entries' results are in the array afterwards.
+  // Points into the description, which must outlive it.
   static CF_PLACEHOLDER_CREATE_INFO Entry(const NewFile& file);
-  [[nodiscard]] HRESULT Create(const NewFile& file) const;
+  static CF_PLACEHOLDER_CREATE_INFO Entry(NewFile&& file) = delete;
+  // Creates one placeholder, in the root or in a folder of it.
+  [[nodiscard]] HRESULT Create(const NewFile& file) const { return CreateIn(root_, file); }
+  [[nodiscard]] static HRESULT CreateIn(const std::wstring& folder, const NewFile& file);
 
  private:
   std::wstring folder_;  // holds the root and what lies outside of it
