@@ -48,7 +48,7 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
   explicit ImportDouble(Handler handler) : handler_(std::move(handler)) {
     current_.store(this);
     hook_.emplace(Name.text, reinterpret_cast<void*>(&ImportDouble::Enter));
-    original_ = reinterpret_cast<Function>(hook_->Original());
+    original_.store(reinterpret_cast<Function>(hook_->Original()));
   }
   ~ImportDouble() {
     hook_.reset();
@@ -82,8 +82,9 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
   };
 
   static Result WINAPI Enter(Arguments... arguments) {
+    // A caller may have read the slot while the double was there and arrive when it is gone.
     ImportDouble* self = current_.load();
-    return self->Run(arguments...);
+    return self != nullptr ? self->Run(arguments...) : original_.load()(arguments...);
   }
 
   Result Run(Arguments... arguments) {
@@ -109,18 +110,18 @@ class ImportDouble<Name, Result(WINAPI*)(Arguments...)> {
     SetLastError(lastError);
     if (handler_) {
       TestScope scope;
-      return handler_(original_, arguments...);
+      return handler_(original_.load(), arguments...);
     }
-    return original_(arguments...);
+    return original_.load()(arguments...);
   }
 
   static inline std::atomic<ImportDouble*> current_{nullptr};
+  static inline std::atomic<Function> original_{nullptr};
   mutable std::mutex mutex_;
   int count_ = 0;
   std::vector<std::tuple<Arguments...>> calls_;
   std::vector<Failure> failures_;
   Handler handler_;
-  Function original_ = nullptr;
   std::optional<ScopedImportHook> hook_;
 };
 

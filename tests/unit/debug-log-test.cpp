@@ -19,7 +19,7 @@ namespace nimbra_test {
 namespace {
 
 using corvdrive::cloud_filter::EmitDebugLog;
-using corvdrive::cloud_filter::LogLine;
+using corvdrive::cloud_filter::Log;
 
 constexpr const char* kSource = R"(lib\cloud-filter\win-cf\placeholder)";
 
@@ -29,7 +29,7 @@ class DebugLogTest : public testing::Test {
 };
 
 TEST_F(DebugLogTest, ALineIsPathNumberMessageAndLineBreak) {
-  LogLine(R"(lib\cloud-filter\nimbra-host\nimbra\nimbra)", 729) << "Registring shell services";
+  Log(R"(lib\cloud-filter\nimbra-host\nimbra\nimbra)", 729, "Registring shell services");
 
   EXPECT_THAT(log_.Lines(),
               testing::ElementsAre("lib\\cloud-filter\\nimbra-host\\nimbra\\nimbra (729) | "
@@ -37,24 +37,24 @@ TEST_F(DebugLogTest, ALineIsPathNumberMessageAndLineBreak) {
 }
 
 TEST_F(DebugLogTest, PiecesFollowEachOtherWithoutSeparators) {
-  LogLine(kSource, 1) << "a" << std::string("b") << 3 << "" << -4 << "\n" << 'x';
+  Log(kSource, 1, "a", std::string("b"), 3, "", -4, "\n", 'x');
 
   EXPECT_THAT(log_.Lines(), testing::ElementsAre(ExpectedLine(kSource, 1, "ab3-4\nx")));
 }
 
 TEST_F(DebugLogTest, AnEmptyValueStillGivesTheFullFrame) {
-  LogLine(kSource, 42) << "path: " << std::string() << ".";
-  LogLine(kSource, 43) << "";
+  Log(kSource, 42, "path: ", std::string(), ".");
+  Log(kSource, 43, "");
 
   EXPECT_THAT(log_.Lines(), testing::ElementsAre(ExpectedLine(kSource, 42, "path: ."),
                                                  ExpectedLine(kSource, 43, "")));
 }
 
 TEST_F(DebugLogTest, ResultsAreSignedDecimalNumbers) {
-  LogLine(kSource, 1) << static_cast<HRESULT>(0x80004005);
-  LogLine(kSource, 2) << static_cast<HRESULT>(0x80070005);
-  LogLine(kSource, 3) << static_cast<HRESULT>(0);
-  LogLine(kSource, 4) << LONG_MIN << LONG_MAX;
+  Log(kSource, 1, static_cast<HRESULT>(0x80004005));
+  Log(kSource, 2, static_cast<HRESULT>(0x80070005));
+  Log(kSource, 3, static_cast<HRESULT>(0));
+  Log(kSource, 4, LONG_MIN, LONG_MAX);
 
   EXPECT_THAT(
       log_.Lines(),
@@ -73,14 +73,14 @@ class Grouping : public std::numpunct<char> {
 TEST_F(DebugLogTest, NumbersDoNotFollowTheProgramsLocale) {
   const std::locale previous =
       std::locale::global(std::locale(std::locale::classic(), new Grouping));
-  LogLine(kSource, 1234567) << 7654321;
+  Log(kSource, 1234567, 7654321);
   std::locale::global(previous);
 
   EXPECT_THAT(log_.Lines(), testing::ElementsAre(ExpectedLine(kSource, 1234567, "7654321")));
 }
 
 TEST_F(DebugLogTest, TextIsWrittenAsUtf16OfItsUtf8) {
-  LogLine(kSource, 1) << "\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80";
+  Log(kSource, 1, "\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80");
 
   EXPECT_THAT(log_.Lines(), testing::ElementsAre(
                                 ExpectedLine(kSource, 1, "\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80")));
@@ -88,7 +88,7 @@ TEST_F(DebugLogTest, TextIsWrittenAsUtf16OfItsUtf8) {
 
 TEST_F(DebugLogTest, LongLinesArriveWholeInOneCall) {
   const std::string text(100000, 'x');
-  LogLine(kSource, 1) << text;
+  Log(kSource, 1, text);
 
   EXPECT_THAT(log_.Lines(), testing::ElementsAre(ExpectedLine(kSource, 1, text)));
 }
@@ -110,19 +110,19 @@ TEST_F(DebugLogTest, ALineWhoseConversionFailsIsWrittenAsAnEmptyString) {
 
 TEST_F(DebugLogTest, TheLastErrorSurvivesALine) {
   SetLastError(4711);
-  LogLine(kSource, 1) << "message";
+  Log(kSource, 1, "message");
   const DWORD error = GetLastError();
 
   EXPECT_EQ(error, 4711u);
 }
 
 TEST_F(DebugLogTest, ReleasesItsBuffers) {
-  LogLine(kSource, 1) << "warm";
+  Log(kSource, 1, "warm");
   const std::string text(1000, 'x');
   int left = -1;
   {
     const HeapWatch heap;
-    LogLine(kSource, 1) << text << 12;
+    Log(kSource, 1, text, 12);
     left = heap.LiveBlocks();
   }
   EXPECT_EQ(left, 0);
@@ -134,7 +134,7 @@ TEST_F(DebugLogTest, LinesOfManyThreadsDoNotMix) {
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < 50; ++i) {
-        LogLine(kSource, t) << "thread " << t << " says " << i;
+        Log(kSource, t, "thread ", t, " says ", i);
       }
     });
     for (int i = 0; i < 50; ++i) {

@@ -78,7 +78,7 @@ TEST_F(InstallationTest, TheLauncherLiesBelowThe32BitProgramFiles) {
 TEST_F(InstallationTest, FoldersAreAskedForTheCurrentUsersCurrentPaths) {
   folders_[kLocalAppData] = L"C:\\Local";
 
-  cf::GetLocalAppDataDir();
+  static_cast<void>(cf::GetLocalAppDataDir());
 
   ASSERT_EQ(shell_.Count(), 1);
   const auto [owner, folder, token, flags, path] = shell_.Calls().front();
@@ -92,7 +92,7 @@ TEST_F(InstallationTest, FoldersAreAskedForTheCurrentUsersCurrentPaths) {
 TEST_F(InstallationTest, AFoundFolderNeedsNoFallback) {
   folders_[kProgramFilesX86] = L"C:\\x86";
 
-  cf::GetProgramFilesX86Dir();
+  static_cast<void>(cf::GetProgramFilesX86Dir());
 
   EXPECT_THAT(AskedFolders(), testing::ElementsAre(kProgramFilesX86));
 }

@@ -28,8 +28,6 @@ constexpr std::int64_t kSecond = 10000000;
 
 static_assert(std::is_base_of_v<PlaceholderMetaBase, PlaceholderMetaWinCF>);
 static_assert(std::has_virtual_destructor_v<PlaceholderMetaBase>);
-static_assert(std::has_virtual_destructor_v<__tag_PlaceholderMetaWrap>);
-static_assert(std::is_abstract_v<__tag_PlaceholderMetaWrap>);
 
 // What the platform gets for metadata made by the export, seen through an update.
 class PlaceholderMetaTest : public OpenPlaceholderTest {
@@ -136,10 +134,8 @@ TEST(EmptyMetadataTest, GivesAnAllZeroRecordWhateverItHolds) {
   meta.changeTime = 4;
   meta.fileSize = 5;
   meta.isDirectory = true;
-  CF_FS_METADATA record;
-  std::memset(&record, 0xCC, sizeof(record));
 
-  meta.ToFsMetadata(record);
+  const CF_FS_METADATA record = meta.ToFsMetadata();
 
   const CF_FS_METADATA zero{};
   EXPECT_EQ(std::memcmp(&record, &zero, sizeof(record)), 0);

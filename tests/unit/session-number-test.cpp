@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(
 template <typename Error>
 std::string ErrorText(const std::string& name) {
   try {
-    ParseSessionNumber(name);
+    static_cast<void>(ParseSessionNumber(name));
   } catch (const Error& error) {
     return error.what();
   }
