@@ -1,0 +1,46 @@
+#include "common/text.h"
+
+#include <windows.h>
+
+#include <limits>
+#include <memory>
+#include <new>
+
+namespace corvdrive::cloud_filter {
+namespace {
+
+// Runs a converter twice, first for the length it needs, and gives the text up to its first NUL.
+template <typename Char, typename Convert>
+std::basic_string<Char> ConvertInTwoPasses(Convert convert) {
+  const int count = convert(nullptr, 0);
+  if (count <= 0) {
+    return {};
+  }
+  const std::unique_ptr<Char[]> buffer(new (std::nothrow) Char[static_cast<std::size_t>(count)]);
+  if (!buffer || convert(buffer.get(), count) <= 0) {
+    return {};
+  }
+  return std::basic_string<Char>(buffer.get());
+}
+
+}  // namespace
+
+std::wstring Utf8ToWide(const char* text) {
+  if (*text == '\0') {
+    return {};
+  }
+  return ConvertInTwoPasses<wchar_t>([text](wchar_t* buffer, int size) {
+    return MultiByteToWideChar(CP_UTF8, 0, text, -1, buffer, size);
+  });
+}
+
+std::string WideToUtf8(const wchar_t* text) {
+  if (*text == L'\0') {
+    return {};
+  }
+  return ConvertInTwoPasses<char>([text](char* buffer, int size) {
+    return WideCharToMultiByte(CP_UTF8, 0, text, -1, buffer, size, nullptr, nullptr);
+  });
+}
+
+}  // namespace corvdrive::cloud_filter

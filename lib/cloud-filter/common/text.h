@@ -1,0 +1,25 @@
+#ifndef NIMBRA_COMMON_TEXT_H_
+#define NIMBRA_COMMON_TEXT_H_
+
+#include <string>
+
+namespace corvdrive::cloud_filter {
+
+// Text crosses the library's interface as UTF-8 and reaches Windows as UTF-16. Both conversions
+// take NUL-terminated text that must not be null; text that cannot be converted, for whatever
+// reason, becomes empty, and ill-formed sequences become U+FFFD. Nothing is logged.
+
+[[nodiscard]] std::wstring Utf8ToWide(const char* text);
+[[nodiscard]] std::string WideToUtf8(const wchar_t* text);
+
+// Text after an embedded NUL is dropped, as Windows would.
+[[nodiscard]] inline std::wstring Utf8ToWide(const std::string& text) {
+  return Utf8ToWide(text.c_str());
+}
+[[nodiscard]] inline std::string WideToUtf8(const std::wstring& text) {
+  return WideToUtf8(text.c_str());
+}
+
+}  // namespace corvdrive::cloud_filter
+
+#endif

@@ -1,0 +1,121 @@
+#include <algorithm>
+#include <cstring>
+
+#include "common/cldapi-table.h"
+#include "common/debug-log.h"
+#include "common/owners.h"
+#include "common/text.h"
+#include "win-cf/placeholder.h"
+#include "win-cf/sync-root.h"
+
+namespace corvdrive::cloud_filter {
+namespace {
+
+constexpr char kSource[] = R"(lib\cloud-filter\win-cf\sync-root)";
+
+constexpr std::int64_t kChunkSize = std::int64_t{4} << 20;
+
+struct PagesTraits {
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type pages) noexcept { VirtualFree(pages, 0, MEM_RELEASE); }
+};
+using UniquePages = UniqueResource<PagesTraits>;
+
+// A placeholder's transfer key, released with the object.
+class TransferKey {
+ public:
+  explicit TransferKey(HANDLE file) : file_(file) {}
+  ~TransferKey() {
+    if (obtained_) {
+      Cloud().CfReleaseTransferKey(file_, &key_);
+    }
+  }
+  TransferKey(const TransferKey&) = delete;
+  TransferKey& operator=(const TransferKey&) = delete;
+
+  HRESULT Obtain() {
+    const HRESULT result = Cloud().CfGetTransferKey(file_, &key_);
+    obtained_ = SUCCEEDED(result);
+    return result;
+  }
+  [[nodiscard]] std::int64_t Value() const { return key_.QuadPart; }
+
+ private:
+  HANDLE file_;
+  CF_TRANSFER_KEY key_{};
+  bool obtained_ = false;
+};
+
+// Reads exactly `length` bytes at `offset`.
+bool ReadChunk(HANDLE file, const std::string& path, std::int64_t offset, std::int64_t length,
+               void* buffer) {
+  LARGE_INTEGER position{};
+  position.QuadPart = offset;
+  if (!SetFilePointerEx(file, position, nullptr, FILE_BEGIN)) {
+    const DWORD error = GetLastError();
+    Log(kSource, __LINE__, "Failed to set file pointer to ", offset, " ec = ", ErrorNumber(error));
+    return false;
+  }
+  DWORD read = 0;
+  if (!ReadFile(file, buffer, static_cast<DWORD>(length), &read, nullptr)) {
+    const DWORD error = GetLastError();
+    Log(kSource, __LINE__, "Read file failed: ", path, ": ec = ", ErrorNumber(error));
+    return false;
+  }
+  if (read != length) {
+    Log(kSource, __LINE__, "Read file failed: ", path, ". actually read: ", read,
+        " required: ", length);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
+                                      const std::string& localPath) {
+  // Declared so that on every way out the buffer goes first, then the key, then the file.
+  UniqueFile file;
+  TransferKey key(placeholder.Handle());
+  UniquePages buffer;
+
+  if (const HRESULT result = key.Obtain(); FAILED(result)) {
+    Log(kSource, __LINE__, "Failed to obtain trans key", result);
+    return false;
+  }
+  file.Reset(CreateFileW(Utf8ToWide(localPath).c_str(), GENERIC_READ,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                         FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
+  LARGE_INTEGER size{};
+  if (!GetFileSizeEx(file.Get(), &size)) {
+    const DWORD error = GetLastError();
+    Log(kSource, __LINE__, "Get file size failed: ", localPath, ": ec = ", ErrorNumber(error));
+    return false;
+  }
+  // Fresh pages are zero and cost nothing until they are touched.
+  buffer.Reset(VirtualAlloc(nullptr, kChunkSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  if (!buffer.IsValid()) {
+    const DWORD error = GetLastError();
+    Log(kSource, __LINE__, "Failed to allocate the transfer buffer, ec = ", ErrorNumber(error));
+    return false;
+  }
+  for (std::int64_t offset = 0; offset < size.QuadPart; offset += kChunkSize) {
+    const std::int64_t length = std::min(kChunkSize, size.QuadPart - offset);
+    if (offset > 0 && length < kChunkSize) {
+      // The bytes past the last chunk are zero, as in every chunk before.
+      std::memset(static_cast<char*>(buffer.Get()) + length, 0,
+                  static_cast<std::size_t>(kChunkSize - length));
+    }
+    if (!ReadChunk(file.Get(), localPath, offset, length, buffer.Get())) {
+      return false;
+    }
+    if (TransferData(key.Value(), 0, buffer.Get(), offset, length, 0) != S_OK) {
+      Log(kSource, __LINE__, "Failed to transfer [", offset, ", ", offset + length, "]");
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace corvdrive::cloud_filter
