@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "sync-root-test.h"
+#include "sync-root-fixture.h"
 
 namespace conformance {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "sync-root-test.h"
+#include "sync-root-fixture.h"
 
 namespace conformance {
 namespace {

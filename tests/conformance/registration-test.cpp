@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "sync-root-test.h"
+#include "sync-root-fixture.h"
 
 namespace conformance {
 namespace {

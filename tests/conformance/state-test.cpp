@@ -1,6 +1,6 @@
 // Placeholder states from attributes, and protected handles.
 
-#include "sync-root-test.h"
+#include "sync-root-fixture.h"
 
 namespace conformance {
 namespace {

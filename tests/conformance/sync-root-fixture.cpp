@@ -1,4 +1,4 @@
-#include "sync-root-test.h"
+#include "sync-root-fixture.h"
 
 #include <algorithm>
 #include <cstddef>
