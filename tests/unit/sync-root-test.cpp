@@ -114,7 +114,7 @@ TEST_F(SyncRootTest, IdentityIsThePrefixFollowedByTheSessionInDecimal) {
   for (const SessionRow& row : rows) {
     SCOPED_TRACE(row.digits);
     const SyncRoot root("C:\\Sync", row.session);
-    EXPECT_EQ(Root(root.Get()).identity, kPrefix + row.digits);
+    EXPECT_EQ(Root(root.Get()).Identity(), kPrefix + row.digits);
   }
 }
 
@@ -122,7 +122,7 @@ TEST_F(SyncRootTest, TwoRootsOfOneSessionCarryTheSameIdentity) {
   const SyncRoot first("C:\\First", 42);
   const SyncRoot second("C:\\Second", 42);
   EXPECT_NE(first.Get(), second.Get());
-  EXPECT_EQ(Root(first.Get()).identity, Root(second.Get()).identity);
+  EXPECT_EQ(Root(first.Get()).Identity(), Root(second.Get()).Identity());
 }
 
 TEST_F(SyncRootTest, KeepsACopyOfThePathAsGiven) {
@@ -142,7 +142,7 @@ TEST_F(SyncRootTest, KeepsACopyOfThePathAsGiven) {
     CORVWinCFSyncRootHandle handle = nullptr;
     ASSERT_EQ(CORVWinCFSyncRootNew(&handle, callers.c_str(), 1), 0);
     std::fill(callers.begin(), callers.end(), '!');
-    EXPECT_EQ(Root(handle).path, path);
+    EXPECT_EQ(Root(handle).Path(), path);
     CORVWinCFSyncRootRelease(&handle);
   }
 }
@@ -164,15 +164,32 @@ TEST_F(SyncRootTest, AsksForTheUserNameWithTwiceTheBufferSize) {
   EXPECT_TRUE(zeroed);
 }
 
-TEST_F(SyncRootTest, KeepsTheUserNameInUtf8) {
-  const std::wstring name = L"J\u00F6rg \u65E5\u672C \U0001F600";
-  const GetUserNameDouble userName([&](GetUserNameDouble::Function, LPWSTR buffer, LPDWORD length) {
-    std::copy(name.begin(), name.end(), buffer);
-    *length = static_cast<DWORD>(name.size() + 1);
-    return TRUE;
+// The account that the root looks up to find its user's SID.
+std::wstring AccountOf(const SyncRoot& root) {
+  std::wstring account = L"(never looked up)";
+  const LookupDouble lookup([&](LookupDouble::Function, LPCWSTR, LPCWSTR name, PSID, LPDWORD,
+                                LPWSTR, LPDWORD, PSID_NAME_USE) {
+    account = name;
+    SetLastError(ERROR_NONE_MAPPED);
+    return FALSE;
   });
-  const SyncRoot root;
-  EXPECT_EQ(Root(root.Get()).userName, "J\xC3\xB6rg \xE6\x97\xA5\xE6\x9C\xAC \xF0\x9F\x98\x80");
+  CORVWinCFSyncRootUnregister(root.Get());
+  return account;
+}
+
+TEST_F(SyncRootTest, KeepsTheNameOfTheUser) {
+  for (const std::wstring& name :
+       {std::wstring(L"me"), std::wstring(L"J\u00F6rg \u65E5\u672C \U0001F600"),
+        std::wstring(256, L'\u65E5')}) {
+    const GetUserNameDouble userName(
+        [&](GetUserNameDouble::Function, LPWSTR buffer, LPDWORD length) {
+          std::copy(name.begin(), name.end(), buffer);
+          *length = static_cast<DWORD>(name.size() + 1);
+          return TRUE;
+        });
+    const SyncRoot root;
+    EXPECT_EQ(AccountOf(root), name);
+  }
 }
 
 TEST_F(SyncRootTest, AUserNameThatCannotBeHadIsEmptyAndSilent) {
@@ -182,19 +199,8 @@ TEST_F(SyncRootTest, AUserNameThatCannotBeHadIsEmptyAndSilent) {
     return FALSE;
   });
   const SyncRoot root;
-  EXPECT_EQ(Root(root.Get()).userName, "");
   EXPECT_THAT(log_.Lines(), IsEmpty());
-}
-
-TEST_F(SyncRootTest, ALongestUserNameIsKeptWhole) {
-  const std::wstring name(256, L'\u00FC');
-  const GetUserNameDouble userName([&](GetUserNameDouble::Function, LPWSTR buffer, LPDWORD length) {
-    std::copy(name.begin(), name.end(), buffer);
-    *length = 257;
-    return TRUE;
-  });
-  const SyncRoot root;
-  EXPECT_EQ(Root(root.Get()).userName.size(), 512u);
+  EXPECT_EQ(AccountOf(root), L"");
 }
 
 TEST_F(SyncRootTest, NewTellsThePlatformNothing) {
