@@ -89,7 +89,7 @@ inline const std::map<std::string, Action> kActions{
     {"--hydrate-all", {Hydrate, true, "is mirror serving it, and is its source still there?"}},
     {"--dehydrate", {Dehydrate, true, "it is pinned, changed, excluded or open"}},
     {"--pin", {[](auto&, Item i) { return CORVWinCFPlaceholderPinToLocal(i) == 0; }, false, ""}},
-    {"--unpin", {[](auto&, Item i) { return CORVWinCFPlaceholderUnpin(i) == 0; }, false, ""}},
+    {"--unpin", {[](auto&, Item i) { return CORVWinCFPlaceholderForceUnpin(i) == 0; }, false, ""}},
     {"--exclude",
      {[](auto&, Item i) { return CORVWinCFPlaceholderSetExcluded(i) == 0; }, false, ""}}};
 

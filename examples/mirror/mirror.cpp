@@ -186,7 +186,7 @@ int wmain(int count, wchar_t** texts) try {
   for (int i = 1; i < count; ++i) arguments.push_back(mirror::Utf8(texts[i]));
   return mirror::Run(arguments);
 } catch (const mirror::Usage& error) {
-  std::cerr << "mirror: " << error.what() << "\n" << mirror::kHelp;
+  std::cerr << "mirror: " << error.what() << "\n  mirror --help shows how to use it\n";
   return 2;
 } catch (const std::filesystem::filesystem_error& error) {
   std::cerr << "mirror: cannot read " << mirror::Utf8(error.path1()) << " ("

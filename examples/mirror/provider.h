@@ -306,7 +306,7 @@ class Provider {
     if (fs::file_size(Path(fetch.fullPath), error) != static_cast<std::uintmax_t>(size)) {
       throw Stop{"its source has changed its size; delete it here and start again"};
     }
-    Account(fetch, -fetch.length);  // what is asked for is not on disk, whatever we thought
+    Account(fetch, 0, fetch.length);
     SendPieces(fetch, file.seekg(fetch.offset), std::min(fetch.offset + fetch.length, size));
   }
 
@@ -327,6 +327,7 @@ class Provider {
       if (stopping_) throw Stop{"mirror is stopping", CORVWinCFTransferAborted};
       if (!file.read(buffer.get(), length)) throw Stop{"its source cannot be read to the end"};
       HandOver(fetch, buffer.get(), offset, length);
+      Account(fetch, length, end - offset - length);
       // Seldom, as a report costs time, and never the total, which would end the request.
       if (offset + length == end || Clock::now() - reported < Seconds(0.1)) continue;
       reported = Clock::now();
@@ -342,15 +343,15 @@ class Provider {
     if (result == kCancelled) throw Stop{"cancelled", std::nullopt};
     if (result == kDiskFull) throw Stop{"the disk is full; make room", CORVWinCFTransferDiskFull};
     if (result < 0) throw Stop{"the system refused its data " + ResultText(result)};
-    Account(fetch, length);
   }
 
-  void Account(const Fetch& fetch, std::int64_t bytes) {
+  // `missing` is known not to be on disk, whatever was thought before.
+  void Account(const Fetch& fetch, std::int64_t sent, std::int64_t missing) {
     const std::lock_guard lock(mutex_);
-    sent_ += std::max<std::int64_t>(bytes, 0);
+    sent_ += sent;
     const auto at = items_.find(fetch.identity);
     if (at == items_.end()) return;
-    at->second.onDisk = std::clamp<std::int64_t>(at->second.onDisk + bytes, 0, at->second.size);
+    at->second.onDisk = std::min(at->second.onDisk + sent, at->second.size - missing);
   }
 
   const fs::path source_, root_;
