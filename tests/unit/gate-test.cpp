@@ -25,7 +25,7 @@ struct BuildRow {
 };
 
 void PrintTo(const BuildRow& row, std::ostream* out) {
-  *out << row.major << '.' << row.minor << '.' << row.build;
+  *out << "Windows" << row.major << '_' << row.minor << '_' << row.build;
 }
 
 class VersionFlagTest : public testing::TestWithParam<BuildRow> {};

@@ -314,7 +314,10 @@ TEST_F(FullyHydratedTest, SaysNoForAHandleNeverOpened) {
 
 class PathQueryTest : public NimbraTest {
  protected:
-  PathQueryTest() { folder_.WriteFile("\xC3\xA9.txt", "0123456789"); }
+  PathQueryTest() {
+    folder_.WriteFile("\xC3\xA9.txt", "0123456789");
+    files_.Clear();
+  }
 
   TempFolder folder_;
   std::string path_ = folder_.ItemWithSlashes("\xC3\xA9.txt");

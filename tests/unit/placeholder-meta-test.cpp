@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "nimbra-host/nimbra/handles.h"
 #include "nimbra/nimbra.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
@@ -27,6 +28,10 @@ constexpr std::int64_t kEpoch = 116444736000000000;
 constexpr std::int64_t kSecond = 10000000;
 
 static_assert(std::is_base_of_v<PlaceholderMetaBase, PlaceholderMetaWinCF>);
+static_assert(std::is_base_of_v<__tag_PlaceholderMetaWrap,
+                                corvdrive::cloud_filter::PlaceholderMeta<PlaceholderMetaWinCF>>);
+static_assert(std::has_virtual_destructor_v<__tag_PlaceholderMetaWrap>);
+static_assert(std::is_abstract_v<__tag_PlaceholderMetaWrap>);
 static_assert(std::has_virtual_destructor_v<PlaceholderMetaBase>);
 
 // What the platform gets for metadata made by the export, seen through an update.
@@ -193,6 +198,25 @@ TEST_F(MetadataLifetimeTest, ReleaseFreesWrapperAndObject) {
 
 TEST_F(MetadataLifetimeTest, ReleaseIgnoresNull) {
   CORVWinCFPlaceholderMetaRelease(nullptr);
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+}
+
+// A handle of somebody else's.
+struct ForeignWrapper : __tag_PlaceholderMetaWrap {
+  explicit ForeignWrapper(bool& flag) : destroyed(flag) {}
+  ~ForeignWrapper() override { destroyed = true; }
+  void Unused() override {}
+  bool& destroyed;
+};
+
+TEST_F(MetadataLifetimeTest, ReleaseIgnoresAForeignWrapper) {
+  bool destroyed = false;
+  auto foreign = std::make_unique<ForeignWrapper>(destroyed);
+
+  CORVWinCFPlaceholderMetaRelease(foreign.get());
+
+  EXPECT_FALSE(destroyed);
+  EXPECT_TRUE(HeapWatch::IsAllocated(foreign.get()));
   EXPECT_THAT(log_.Lines(), testing::IsEmpty());
 }
 
