@@ -157,7 +157,7 @@ int Serve(const Options& options) {
   console.Line("mirror: ready");
   ShowUntilStopped(provider, console, timeout, Path(options.stopFile));
   provider.Disconnect();
-  console.Summary(provider.Summary());
+  console.LastSummary(provider.Summary());
   console.Line("mirror: stopped");
   finished = true;
   finished.notify_all();
@@ -182,6 +182,7 @@ int Run(const std::vector<std::string>& arguments) {
 int wmain(int count, wchar_t** texts) try {
   SetConsoleOutputCP(CP_UTF8);
   _setmode(_fileno(stdout), _O_BINARY);
+  std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);  // no character of several bytes is cut in two
   std::vector<std::string> arguments;
   for (int i = 1; i < count; ++i) arguments.push_back(mirror::Utf8(texts[i]));
   return mirror::Run(arguments);

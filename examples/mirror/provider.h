@@ -66,6 +66,10 @@ class Console {
     const std::lock_guard lock(mutex_);
     isTerminal ? Show("", text) : Show(text + "\n", "");
   }
+  void LastSummary(const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    Show(text + "\n", "");
+  }
   const bool isTerminal = _isatty(_fileno(stdout)) != 0;
 
  private:
