@@ -104,12 +104,17 @@ int ReadAll(int fd, std::string& bytes, std::int64_t offset) {
 
 int PunchHole(int fd, Range range) {
   if (range.Empty()) return 0;
+  struct stat facts {};
+  if (fstat(fd, &facts) != 0) return errno;
+  // Only whole blocks are given back; the last one may reach past the end.
+  if (range.end >= facts.st_size) range.end = (range.end + kPage - 1) / kPage * kPage;
   if (fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, range.begin, range.Length()) == 0) {
     return 0;
   }
   if (errno != EOPNOTSUPP) return errno;
   // A file system without holes: the space stays taken, the data goes all the same.
   const std::string zeros(64 << 10, '\0');
+  range.end = std::min<std::int64_t>(range.end, facts.st_size);
   for (auto at = range.begin; at < range.end; at += static_cast<std::int64_t>(zeros.size())) {
     const auto length = std::min(range.end - at, static_cast<std::int64_t>(zeros.size()));
     const auto error = WriteAll(fd, {zeros.data(), static_cast<std::size_t>(length)}, at);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "stale-mount.h"
+
 namespace cloud_filter {
 namespace {
 
@@ -156,6 +158,7 @@ std::shared_ptr<Connection> Core::ConnectionOf(std::int64_t key) {
 }
 
 Hresult Core::OpenRoot(const RootPtr& root) {
+  RemoveStaleMount(root->record.path);
   root->folder.Reset(open(root->record.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   FileFacts facts;
   if (!root->folder) return HresultOfErrno(errno);

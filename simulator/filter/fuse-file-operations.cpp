@@ -3,7 +3,7 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <limits>
+#include <utility>
 
 #include "fuse-requests.h"
 
@@ -41,7 +41,7 @@ void SendData(fuse_req_t request, const OpenFile& file, std::size_t size, off_t 
   fuse_reply_data(request, &data, FUSE_BUF_SPLICE_MOVE);
 }
 
-void ReadWhenPresent(fuse_req_t request, const OpenFile& file, std::size_t size, off_t offset) {
+void ReadWhenPresent(fuse_req_t request, OpenFile& file, std::size_t size, off_t offset) {
   auto& mount = MountOf(request);
   auto& files = mount.Files();
   std::shared_lock<std::shared_mutex> hold;
@@ -50,9 +50,16 @@ void ReadWhenPresent(fuse_req_t request, const OpenFile& file, std::size_t size,
   if (item == nullptr || files.TryRead(item, range, hold)) {
     return SendData(request, file, size, offset);
   }
+  const auto thread = fuse_req_ctx(request)->pid;
+  if (const auto error = file.failedRead.TakeErrorOf(thread, range)) {
+    return ReplyError(request, error);
+  }
   auto debt = std::make_shared<FuseMount::Debt>(mount);
   files.WhenReadable(item, range, AboutToWait(request), [=, &file](int error) {
-    if (error != 0) return ReplyError(request, error);
+    if (error != 0) {
+      file.failedRead.Remember(thread, range, error);
+      return ReplyError(request, error);
+    }
     ReadWhenPresent(request, file, size, offset);
     static_cast<void>(debt);
   });
@@ -199,6 +206,23 @@ void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* i
 }
 
 }  // namespace
+
+void FailedRead::Remember(pid_t thread, Range range, int error) {
+  const std::lock_guard lock(mutex_);
+  thread_ = thread;
+  range_ = range;
+  error_ = error;
+  when_ = std::chrono::steady_clock::now();
+}
+
+int FailedRead::TakeErrorOf(pid_t thread, Range range) {
+  // The second try follows at once; a program that tries again later is taken seriously.
+  constexpr std::chrono::seconds kAtOnce{1};
+  const std::lock_guard lock(mutex_);
+  const auto same = thread == thread_ && range_.Overlaps(range) &&
+                    std::chrono::steady_clock::now() - when_ < kAtOnce;
+  return same ? std::exchange(error_, 0) : 0;
+}
 
 OpenFile& OpenFileOf(const fuse_file_info& info) { return *reinterpret_cast<OpenFile*>(info.fh); }
 

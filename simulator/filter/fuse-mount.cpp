@@ -2,50 +2,21 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
-extern char** environ;
-
 namespace cloud_filter {
 namespace {
 
 // None of them ever waits for a provider.
 constexpr int kWorkers = 4;
-constexpr unsigned kMaxBackground = 512;
-
-void UnmountLazily(const std::string& path) {
-  if (umount2(path.c_str(), MNT_DETACH) == 0) return;
-  std::string program = "fusermount3";
-  std::string unmount = "-u";
-  std::string lazy = "-z";
-  std::string quiet = "-q";
-  std::string target = path;
-  char* arguments[] = {program.data(), unmount.data(), lazy.data(),
-                       quiet.data(),   target.data(),  nullptr};
-  pid_t child = 0;
-  if (posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments, environ) != 0) return;
-  waitpid(child, nullptr, 0);
-}
 
 }  // namespace
-
-void RemoveStaleMount(const std::string& path) {
-  constexpr int kMaxLayers = 16;
-  for (int layer = 0; layer < kMaxLayers; ++layer) {
-    struct stat facts {};
-    if (stat(path.c_str(), &facts) == 0 || (errno != ENOTCONN && errno != ECONNABORTED)) return;
-    UnmountLazily(path);
-  }
-}
 
 std::string WhyNoFuse() {
   const UniqueFd device(open("/dev/fuse", O_RDWR | O_CLOEXEC));

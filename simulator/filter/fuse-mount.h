@@ -100,8 +100,6 @@ const fuse_lowlevel_ops& FuseOperations();
 // The node number of the file that tells a program its own process id.
 inline constexpr fuse_ino_t kWhoAmINode = ~fuse_ino_t{0} - 1;
 
-// Takes away what a daemon that died has left mounted at `path`.
-void RemoveStaleMount(const std::string& path);
 // Why nothing can be mounted here; empty when it can.
 std::string WhyNoFuse();
 

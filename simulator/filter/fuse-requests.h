@@ -6,7 +6,9 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "fuse-mount.h"
@@ -29,11 +31,28 @@ int LookUp(FuseMount& mount, Node& folder, const char* name, fuse_entry_param& e
 bool IsWhoAmI(fuse_ino_t folder, const char* name);
 struct stat WhoAmIAttributes();
 
+// Remembers the latest read that failed. The kernel reads ahead, takes no notice when that fails,
+// and asks once more for the page itself; that second try is not to make the provider try again.
+class FailedRead {
+ public:
+  void Remember(pid_t thread, Range range, int error);
+  // The error of the same try; 0 when this one is new.
+  int TakeErrorOf(pid_t thread, Range range);
+
+ private:
+  std::mutex mutex_;
+  pid_t thread_ = 0;
+  Range range_;
+  int error_ = 0;
+  std::chrono::steady_clock::time_point when_;
+};
+
 // A file that a program has open.
 struct OpenFile {
   UniqueFd fd;
   Node* node = nullptr;
   ItemPtr item;  // as it was when the file was opened; tells about a deleted one
+  FailedRead failedRead;
 };
 OpenFile& OpenFileOf(const fuse_file_info& info);
 

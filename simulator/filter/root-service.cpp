@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "fuse-mount.h"
+#include "stale-mount.h"
 #include "tree-walk.h"
 
 namespace cloud_filter {

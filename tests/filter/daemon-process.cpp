@@ -44,6 +44,8 @@ bool DaemonProcess::Start(const std::vector<std::string>& options, uid_t user) {
   for (const auto& argument : arguments) raw.push_back(const_cast<char*>(argument.c_str()));
   raw.push_back(nullptr);
   const auto log = LogFile();
+  // What an earlier start has written is not to be taken for this one's.
+  std::filesystem::remove(log);
   std::filesystem::remove(Endpoint());
   const auto parent = getpid();
   id_ = fork();

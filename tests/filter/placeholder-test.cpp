@@ -196,7 +196,7 @@ TEST_F(Placeholders, NoPathLeadsOutOfTheRoot) {
   std::ofstream(folder / "outside") << "secret";
   ASSERT_EQ(symlink((folder / "outside").c_str(), Path("link").c_str()), 0);
   wire::PlaceholderInfo info;
-  EXPECT_RESULT(api->GetInfo(root.string() + "/../outside", info), hr::kNotUnderSyncRoot);
+  EXPECT_RESULT(api->GetInfo(root.string() + "/../outside", info), hr::kFileNotFound);
   EXPECT_RESULT(api->Convert(Path("link"), "id", 0), hr::kNotSupported);
 }
 
