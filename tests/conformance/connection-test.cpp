@@ -161,6 +161,7 @@ TEST_F(Callbacks, DocumentedComeSeveralAtATime) {
     EXPECT_EQ(provider_.Serve(event), S_OK);
   });
   std::vector<std::thread> readers;
+  readers.reserve(kFiles);
   for (int i = 0; i < kFiles; ++i) {
     readers.emplace_back([&, i] {
       EXPECT_EQ(ReadAll(At(L"file" + std::to_wstring(i))).bytes,

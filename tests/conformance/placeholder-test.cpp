@@ -55,9 +55,8 @@ TEST_F(Creating, DocumentedNeedsASyncRoot) {
 }
 
 TEST_F(Creating, DocumentedTriesAllEntriesAndReturnsTheFirstFailure) {
-  const NewFile files[] = {{L"a"}, {L"b", 1, ""}, {L"c\\d"}, {L"e"}};
-  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries;
-  for (const auto& file : files) entries.push_back(Entry(file));
+  const std::vector<NewFile> files = {{L"a"}, {L"b", 1, ""}, {L"c\\d"}, {L"e"}};
+  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries = Entries(files);
   DWORD processed = 0;
   const HRESULT result =
       CfCreatePlaceholders(Root().c_str(), entries.data(), 4, CF_CREATE_FLAG_NONE, &processed);
@@ -71,9 +70,8 @@ TEST_F(Creating, DocumentedTriesAllEntriesAndReturnsTheFirstFailure) {
 }
 
 TEST_F(Creating, DocumentedStopsAtTheFirstFailureWhenAskedTo) {
-  const NewFile files[] = {{L"a"}, {L"b", 1, ""}, {L"c"}};
-  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries;
-  for (const auto& file : files) entries.push_back(Entry(file));
+  const std::vector<NewFile> files = {{L"a"}, {L"b", 1, ""}, {L"c"}};
+  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries = Entries(files);
   DWORD processed = 0;
   EXPECT_TRUE(FAILED(CfCreatePlaceholders(Root().c_str(), entries.data(), 3,
                                           CF_CREATE_FLAG_STOP_ON_ERROR, &processed)));
@@ -91,11 +89,11 @@ TEST_F(Creating, GuessedAnExistingNameIsRefused) {
 TEST_F(Creating, DocumentedMakesThousandsInOneCall) {
   constexpr DWORD kCount = 3000;
   std::vector<NewFile> files;
+  files.reserve(kCount);
   for (DWORD i = 0; i < kCount; ++i) {
     files.push_back({L"file" + std::to_wstring(i), i, "id" + std::to_string(i)});
   }
-  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries;
-  for (const auto& file : files) entries.push_back(Entry(file));
+  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries = Entries(files);
   DWORD processed = 0;
   ASSERT_EQ(
       CfCreatePlaceholders(Root().c_str(), entries.data(), kCount, CF_CREATE_FLAG_NONE, &processed),
@@ -170,7 +168,7 @@ class Changing : public SyncRootTest {
   }
 
   std::wstring MakePlainFile(const std::string& content) {
-    const std::wstring path = At(L"plain.txt");
+    std::wstring path = At(L"plain.txt");
     const HANDLE file =
         CreateFileW(path.c_str(), GENERIC_WRITE, 7, nullptr, CREATE_NEW, 0, nullptr);
     DWORD written = 0;

@@ -156,7 +156,7 @@ HRESULT Provider::Fail(const Event& event, NTSTATUS status) {
   return CfExecute(&operation, &parameters);
 }
 
-void Provider::Receive(Event event) {
+void Provider::Receive(const Event& event) {
   Handler handler;
   {
     const std::scoped_lock lock(mutex_);

@@ -68,7 +68,7 @@ class Provider {
   [[nodiscard]] HRESULT Fail(const Event& event, NTSTATUS status);
 
  private:
-  void Receive(Event event);
+  void Receive(const Event& event);
   void AnswerAsUsual(const Event& event);
 
   template <CF_CALLBACK_TYPE type>

@@ -45,6 +45,19 @@ void RemoveTree(const std::wstring& folder) {
   RemoveDirectoryW(folder.c_str());
 }
 
+CF_PLACEHOLDER_CREATE_INFO EntryOf(const NewFile& file) {
+  CF_PLACEHOLDER_CREATE_INFO entry{};
+  entry.RelativeFileName = file.name.c_str();
+  entry.FsMetadata.FileSize.QuadPart = file.size;
+  entry.FsMetadata.BasicInfo.FileAttributes = file.attributes;
+  // 2020-02-02 02:02:02 UTC
+  entry.FsMetadata.BasicInfo.LastWriteTime.QuadPart = 132250753220000000;
+  entry.FileIdentity = file.identity.data();
+  entry.FileIdentityLength = static_cast<DWORD>(file.identity.size());
+  entry.Flags = file.flags;
+  return entry;
+}
+
 }  // namespace
 
 File::File(const std::wstring& path, DWORD access, DWORD flags)
@@ -86,21 +99,14 @@ HRESULT FolderTest::Register(CF_REGISTER_FLAGS flags) const {
   return CfRegisterSyncRoot(root_.c_str(), &registration_, &policies_, flags);
 }
 
-CF_PLACEHOLDER_CREATE_INFO FolderTest::Entry(const NewFile& file) {
-  CF_PLACEHOLDER_CREATE_INFO entry{};
-  entry.RelativeFileName = file.name.c_str();
-  entry.FsMetadata.FileSize.QuadPart = file.size;
-  entry.FsMetadata.BasicInfo.FileAttributes = file.attributes;
-  // 2020-02-02 02:02:02 UTC
-  entry.FsMetadata.BasicInfo.LastWriteTime.QuadPart = 132250753220000000;
-  entry.FileIdentity = file.identity.data();
-  entry.FileIdentityLength = static_cast<DWORD>(file.identity.size());
-  entry.Flags = file.flags;
-  return entry;
+std::vector<CF_PLACEHOLDER_CREATE_INFO> FolderTest::Entries(const std::vector<NewFile>& files) {
+  std::vector<CF_PLACEHOLDER_CREATE_INFO> entries(files.size());
+  std::transform(files.begin(), files.end(), entries.begin(), EntryOf);
+  return entries;
 }
 
 HRESULT FolderTest::CreateIn(const std::wstring& folder, const NewFile& file) {
-  CF_PLACEHOLDER_CREATE_INFO entry = Entry(file);
+  CF_PLACEHOLDER_CREATE_INFO entry = EntryOf(file);
   return CfCreatePlaceholders(folder.c_str(), &entry, 1, CF_CREATE_FLAG_NONE, nullptr);
 }
 

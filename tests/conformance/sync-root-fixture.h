@@ -57,9 +57,9 @@ class FolderTest : public testing::Test {
 
   [[nodiscard]] HRESULT Register(CF_REGISTER_FLAGS flags = CF_REGISTER_FLAG_NONE) const;
 
-  // Points into the description, which must outlive it.
-  static CF_PLACEHOLDER_CREATE_INFO Entry(const NewFile& file);
-  static CF_PLACEHOLDER_CREATE_INFO Entry(NewFile&& file) = delete;
+  // They point into the descriptions, which must outlive them.
+  [[nodiscard]] static std::vector<CF_PLACEHOLDER_CREATE_INFO> Entries(
+      const std::vector<NewFile>& files);
   // Creates one placeholder, in the root or in a folder of it.
   [[nodiscard]] HRESULT Create(const NewFile& file) const { return CreateIn(root_, file); }
   [[nodiscard]] static HRESULT CreateIn(const std::wstring& folder, const NewFile& file);
