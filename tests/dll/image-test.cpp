@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "header-exports.h"
+#include "tests/dll/import-call-counter.h"
 #include "tests/dll/loaded-library.h"
 
 namespace {
@@ -67,6 +68,19 @@ TEST_F(ImageTest, DoesNotImportThePlatform) {
 
 TEST_F(ImageTest, LoadingItDoesNotLoadThePlatform) {
   EXPECT_EQ(GetModuleHandleW(L"cldapi.dll"), nullptr);
+}
+
+// What the tests of the closed gate rely on: that a call would be counted.
+TEST_F(ImageTest, ItsCallsThroughImportsCanBeCounted) {
+  nimbra_test::ImportCallCounter calls(library_.Module());
+  EXPECT_THAT(calls.Called(), testing::IsEmpty());
+  CORVWinCFPlaceholderHandle placeholder = nullptr;
+  ASSERT_EQ(NIMBRA_FUNCTION(library_, CORVWinCFPlaceholderNew)(&placeholder, "C:/x"), 0);
+  EXPECT_THAT(calls.Called(), testing::Contains("msvcrt.dll!malloc"));
+  calls.Clear();
+  EXPECT_THAT(calls.Called(), testing::IsEmpty());
+  NIMBRA_FUNCTION(library_, CORVWinCFPlaceholderRelease)(placeholder);
+  EXPECT_THAT(calls.Called(), testing::Contains("msvcrt.dll!free"));
 }
 
 }  // namespace

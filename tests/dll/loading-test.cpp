@@ -42,21 +42,23 @@ TEST(VersionFlagsTest, TellTheWindowsThatTheLibraryWasLoadedOn) {
   EXPECT_EQ(flags, TestOptions().flags);
 }
 
-// What the library's entry point calls while the library is loaded. The loader announces an image
+// Loads the library and tells what its entry point calls meanwhile. The loader announces an image
 // after its imports were resolved and before its entry point runs: the moment to set the hooks.
 class EntryPointWatch {
  public:
   EntryPointWatch() {
     current_ = this;
-    const auto registerNotification = Function<RegisterNotification>("LdrRegisterDllNotification");
-    registerNotification(0, &EntryPointWatch::Announced, nullptr, &cookie_);
+    void* cookie = nullptr;
+    Function<RegisterNotification>("LdrRegisterDllNotification")(0, &EntryPointWatch::Announced,
+                                                                 nullptr, &cookie);
+    library_ = std::make_unique<LoadedLibrary>();
+    Function<UnregisterNotification>("LdrUnregisterDllNotification")(cookie);
   }
-  ~EntryPointWatch() {
-    Function<UnregisterNotification>("LdrUnregisterDllNotification")(cookie_);
-    current_ = nullptr;
-  }
+  ~EntryPointWatch() { current_ = nullptr; }
   EntryPointWatch(const EntryPointWatch&) = delete;
   EntryPointWatch& operator=(const EntryPointWatch&) = delete;
+
+  HMODULE Module() const { return library_->Module(); }
 
   // The functions called, in order, and the module handles given to DisableThreadLibraryCalls.
   std::vector<std::string> calls;
@@ -116,7 +118,8 @@ class EntryPointWatch {
   }
 
   static EntryPointWatch* current_;
-  void* cookie_ = nullptr;
+  // The hooks lie in the library: they go first.
+  std::unique_ptr<LoadedLibrary> library_;
   std::unique_ptr<ScopedImportHook> disable_;
   std::unique_ptr<ScopedImportHook> verify_;
 };
@@ -124,19 +127,14 @@ class EntryPointWatch {
 EntryPointWatch* EntryPointWatch::current_ = nullptr;
 
 TEST(EntryPointTest, TurnsThreadNotificationsOffBeforeItComputesTheFlags) {
-  const LoadedLibrary* library = nullptr;
-  EntryPointWatch watch;
-  const LoadedLibrary loaded;
-  library = &loaded;
-
+  const EntryPointWatch watch;
   EXPECT_THAT(watch.calls, ElementsAre("DisableThreadLibraryCalls", "VerifyVersionInfoW",
                                        "VerifyVersionInfoW", "VerifyVersionInfoW"));
-  EXPECT_THAT(watch.modules, ElementsAre(library->Module()));
+  EXPECT_THAT(watch.modules, ElementsAre(watch.Module()));
 }
 
 TEST(EntryPointTest, AsksForItsBuildsInOrder) {
-  EntryPointWatch watch;
-  const LoadedLibrary library;
+  const EntryPointWatch watch;
 
   ASSERT_EQ(watch.versions.size(), 3u);
   const DWORD builds[] = {17134, 17134, 17763};
@@ -158,8 +156,7 @@ TEST(EntryPointTest, AsksForItsBuildsInOrder) {
 
 TEST(EntryPointTest, DoesNothingWhenThreadsComeAndGo) {
   EntryPointWatch watch;
-  const LoadedLibrary library;
-  const nimbra_test::ImageLog log(library.Module());
+  const nimbra_test::ImageLog log(watch.Module());
   watch.calls.clear();
   std::thread([] {}).join();
   EXPECT_THAT(watch.calls, IsEmpty());
