@@ -137,7 +137,7 @@ void ShowUntilStopped(Provider& provider, Console& console, double timeout,
     if (!stopFile.empty() && fs::exists(stopFile)) return;
     if (Clock::now() < next) continue;
     next = Clock::now() + std::chrono::duration_cast<Clock::duration>(interval);
-    if (const auto now = provider.Summary(); now != shown) console.Summary(shown = now);
+    if (const auto now = provider.Summary(); now != shown) console.Summary(shown = now, false);
   }
 }
 
@@ -157,7 +157,7 @@ int Serve(const Options& options) {
   console.Line("mirror: ready");
   ShowUntilStopped(provider, console, timeout, Path(options.stopFile));
   provider.Disconnect();
-  console.LastSummary(provider.Summary());
+  console.Summary(provider.Summary(), true);
   console.Line("mirror: stopped");
   finished = true;
   finished.notify_all();

@@ -52,7 +52,7 @@ inline std::string ResultText(CORVWinCFHresult result) {
   char code[16];
   std::snprintf(code, sizeof code, "(0x%08X", static_cast<unsigned>(result));
   const auto words = std::system_category().message(result & 0xFFFF);
-  return code + (words.find("nknown error") == words.npos ? ": " + words : "") + ")";
+  return code + (words.find("nknown error") == std::string::npos ? ": " + words : "") + ")";
 }
 
 // One line for each event, and a summary that stays at the bottom of a terminal.
@@ -62,13 +62,9 @@ class Console {
     const std::lock_guard lock(mutex_);
     Show(text + "\n", summary_);
   }
-  void Summary(const std::string& text) {
+  void Summary(const std::string& text, bool isLast) {
     const std::lock_guard lock(mutex_);
-    isTerminal ? Show("", text) : Show(text + "\n", "");
-  }
-  void LastSummary(const std::string& text) {
-    const std::lock_guard lock(mutex_);
-    Show(text + "\n", "");
+    isTerminal && !isLast ? Show("", text) : Show(text + "\n", "");
   }
   const bool isTerminal = _isatty(_fileno(stdout)) != 0;
 
@@ -176,8 +172,16 @@ class Provider {
     std::int64_t size, onDisk;
   };
   struct Fetch {
-    std::int64_t key, offset, length;
-    std::string identity, fullPath, program;
+    explicit Fetch(const CORVWinCFCallbackRecord& r)
+        : key(r.transferKey),
+          offset(r.parameters[0]),
+          length(r.parameters[1]),
+          identity(r.fileIdentity),
+          fullPath(r.fullPath),
+          program(r.imagePath) {}
+
+    const std::int64_t key, offset, length;
+    const std::string identity, fullPath, program;
     std::atomic<bool> isCancelled = false;
   };
   struct Stop {
@@ -192,8 +196,7 @@ class Provider {
   // A callback holds up a program, and its record is gone when it returns: copy what is needed,
   // leave the rest to another thread, return.
   void OnFetch(const CORVWinCFCallbackRecord& r) noexcept try {
-    std::list<std::shared_ptr<Fetch>> fetch{std::make_shared<Fetch>(
-        r.transferKey, r.parameters[0], r.parameters[1], r.fileIdentity, r.fullPath, r.imagePath)};
+    std::list<std::shared_ptr<Fetch>> fetch{std::make_shared<Fetch>(r)};
     const std::lock_guard lock(mutex_);
     std::thread([this, copy = fetch.front()] { Serve(*copy); }).detach();
     fetches_.splice(fetches_.end(), fetch);
