@@ -10,8 +10,9 @@ namespace corvdrive::cloud_filter {
 namespace {
 
 // Runs a converter twice, first for the length it needs, and gives the text up to its first NUL.
+// Text for which there is no memory is empty, as is text that cannot be converted.
 template <typename Char, typename Convert>
-std::basic_string<Char> ConvertInTwoPasses(Convert convert) {
+std::basic_string<Char> ConvertInTwoPasses(Convert convert) try {
   const int count = convert(nullptr, 0);
   if (count <= 0) {
     return {};
@@ -21,6 +22,8 @@ std::basic_string<Char> ConvertInTwoPasses(Convert convert) {
     return {};
   }
   return std::basic_string<Char>(buffer.get());
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ void CALLBACK Translate(const CF_CALLBACK_INFO* info, const CF_CALLBACK_PARAMETE
     record = std::make_unique<CallbackRecord>(Kind, *info, *parameters, delegator->Context());
   } catch (const std::exception& failure) {
     ReportUnbuilt(failure.what());
-    if (Kind == kFetchData) {
+    if constexpr (Kind == kFetchData) {
       FailFetch(*info, *parameters);
     }
     return;

@@ -18,7 +18,7 @@ CORVWinCFHresult WithSyncRoot(CORVWinCFSyncRootHandle handle, Operation&& operat
 
 // The common part of those that give a status.
 template <typename Operation>
-CORVWinCFStatus AckWithSyncRoot(CORVWinCFSyncRootHandle handle, Operation&& operation) {
+CORVWinCFStatus StatusWithSyncRoot(CORVWinCFSyncRootHandle handle, Operation&& operation) {
   if (IsGateClosed() || handle == nullptr) {
     return kFailed;
   }
@@ -93,20 +93,21 @@ CORVWinCFHresult CORVWinCFSyncRootReportTransferProgress(CORVWinCFSyncRootHandle
 CORVWinCFStatus CORVWinCFSyncRootProactiveTransferToPlaceholder(
     CORVWinCFSyncRootHandle handle, CORVWinCFPlaceholderHandle placeholderHandle,
     const char* localPath) {
-  return AckWithSyncRoot(handle, [&](SyncRootWinCF& root) {
+  return StatusWithSyncRoot(handle, [&](SyncRootWinCF& root) {
     return placeholderHandle != nullptr && localPath != nullptr &&
            root.ProactiveTransfer(**ToCell(placeholderHandle), localPath);
   });
 }
 
 CORVWinCFStatus CORVWinCFSyncRootAckRename(CORVWinCFSyncRootHandle handle, int64_t transferKey) {
-  return AckWithSyncRoot(handle, [&](SyncRootWinCF& root) { return root.AckRename(transferKey); });
+  return StatusWithSyncRoot(handle,
+                            [&](SyncRootWinCF& root) { return root.AckRename(transferKey); });
 }
 
 CORVWinCFStatus CORVWinCFSyncRootAckDelete(CORVWinCFSyncRootHandle handle, int64_t transferKey,
                                            int64_t /*unused*/, uint32_t status) {
-  return AckWithSyncRoot(handle,
-                         [&](SyncRootWinCF& root) { return root.AckDelete(transferKey, status); });
+  return StatusWithSyncRoot(
+      handle, [&](SyncRootWinCF& root) { return root.AckDelete(transferKey, status); });
 }
 
 void CORVWinCFSyncRootRelease(CORVWinCFSyncRootHandle* handleVariable) {
