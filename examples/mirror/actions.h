@@ -84,14 +84,17 @@ struct Action {
   const char* advice;
 };
 
+constexpr char kRefused[] = "the system refused it; the debugger output may say more";
 inline const std::map<std::string, Action> kActions{
     {"--state", {PrintState, true, ""}},
     {"--hydrate-all", {Hydrate, true, "is mirror serving it, and is its source still there?"}},
     {"--dehydrate", {Dehydrate, true, "it is pinned, changed, excluded or open"}},
-    {"--pin", {[](auto&, Item i) { return CORVWinCFPlaceholderPinToLocal(i) == 0; }, false, ""}},
-    {"--unpin", {[](auto&, Item i) { return CORVWinCFPlaceholderForceUnpin(i) == 0; }, false, ""}},
+    {"--pin",
+     {[](auto&, Item i) { return CORVWinCFPlaceholderPinToLocal(i) == 0; }, false, kRefused}},
+    {"--unpin",
+     {[](auto&, Item i) { return CORVWinCFPlaceholderForceUnpin(i) == 0; }, false, kRefused}},
     {"--exclude",
-     {[](auto&, Item i) { return CORVWinCFPlaceholderSetExcluded(i) == 0; }, false, ""}}};
+     {[](auto&, Item i) { return CORVWinCFPlaceholderSetExcluded(i) == 0; }, false, kRefused}}};
 
 inline int Act(const std::string& name, const fs::path& top) {
   if (name == "--unregister") return Unregister(top);
@@ -105,7 +108,7 @@ inline int Act(const std::string& name, const fs::path& top) {
     const bool isOpen = CORVWinCFPlaceholderOpen(item.get()) == 0;
     if (isOpen && action.run(path, item.get())) return void(++done);
     ++failed;
-    std::cerr << "mirror: " << name.substr(2) << " failed for " << Utf8(path) << ": "
+    std::cout << "failed  " << Utf8(path) << ": "
               << (isOpen ? action.advice : "it cannot be opened") << "\n";
   };
   if (name == "--state") std::cout << kStateHeading;
