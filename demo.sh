@@ -35,18 +35,23 @@ show_first_read() {
   show_disk_use
 }
 
+# How many seconds mirror takes to send a file, times a factor.
+sending_time() {
+  awk -v size="$(stat -L -c %s -- "$SOURCE/$1")" -v rate="$RATE" -v factor="$2" \
+    'BEGIN { printf "%.2f", size / rate / 1e6 * factor }'
+}
+
 show_interrupted_read() {
-  local file=$1
-  if (($(stat -c %s -- "$SOURCE/$file") < 8 << 20)); then
-    say "(No file here is large enough to interrupt reading it: that is left out.)"
-    return
-  fi
+  local file=$1 reader
   step "A reader is killed half-way" \
     "Nobody wants the rest any more: mirror hears of it. The next reader gets all of the file."
+  if [[ $(sending_time "$file" 1) < 0.40 ]]; then
+    say "(No file here takes long enough to send: this is left out.)"
+    return
+  fi
   cat -- "$ROOT/$file" >/dev/null 2>&1 7>&- &
-  local reader=$!
-  sleep "$(awk -v size="$(stat -c %s -- "$SOURCE/$file")" -v rate="$RATE" \
-    'BEGIN { printf "%.2f", size / rate / 1e6 / 3 }')"
+  reader=$!
+  sleep "$(sending_time "$file" 0.3)"
   kill -KILL "$reader" 2>/dev/null || true
   wait "$reader" 2>/dev/null || true
   expect 'the killed reader left the file incomplete' incomplete "$file"
@@ -68,10 +73,10 @@ show_windows_program() {
 }
 
 show_whole_tree() {
-  step "Everything is read" "cp -r fetches what is not on disk yet; diff compares every byte."
+  step "Everything is read" "cp -r fetches what is not on disk yet; then every byte is compared."
   show_command "cp -r ${ROOT##*/} copy" cp -r -- "$ROOT" "$DEMO/copy"
   show_events
-  expect 'the copy equals the source' diff -r -q -- "$SOURCE" "$DEMO/copy"
+  expect 'the copy equals the source' same_tree "$DEMO/copy"
   show_disk_use
   expect 'all bytes are on disk now' everything_on_disk
 }
@@ -81,7 +86,7 @@ show_rename_and_delete() {
   moved="$(dirname -- "$file")/renamed-$(basename -- "$file")"
   moved="${moved#./}"
   step "A file is renamed, then deleted" \
-    "The filter asks mirror first; the source of the mirrored files is never touched."
+    "mirror is asked first and agrees. Its source is only read: it keeps the file."
   show_command "mv '$file' '$moved'" in_root mv -- "$file" "$moved"
   expect 'a renamed file keeps its data' cmp -s -- "$SOURCE/$file" "$ROOT/$moved"
   expect 'mirror was told of the new name' wait_for_event "renamed"

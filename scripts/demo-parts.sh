@@ -1,8 +1,9 @@
 # shellcheck shell=bash
 # The parts that demo.sh is made of: how it speaks, what it starts and stops, what it checks.
 
-readonly RATE=40  # MB/s that mirror sends with, so that there is something to see
-readonly WIDTH=66
+RATE=40  # MB/s that mirror sends with: slow enough to see something, fast enough to wait for
+readonly WIDTH=50
+export STAGE_INDENT='   '
 
 step_number=0
 checks=()
@@ -149,8 +150,10 @@ prepare_source() {
   [[ -z $unreadable ]] || die "'$unreadable' cannot be read. Choose a folder that you may read."
   [[ -n "$(find "$SOURCE" -type f -size +0 -print -quit)" ]] ||
     die "'$SOURCE' has no file with anything in it. Choose another folder."
-  say "The source: $(find "$SOURCE" -type f | wc -l) files, $(du -sh --apparent-size -- "$SOURCE" |
-    cut -f1), in $SOURCE"
+  local megabytes
+  megabytes="$(du -s --apparent-size -BMB -- "$SOURCE" | cut -dM -f1)"
+  ((megabytes / 15 < RATE)) || RATE=$((megabytes / 15))
+  say "The source: $(find "$SOURCE" -type f | wc -l) files, $megabytes MB, in $SOURCE"
 }
 
 require_fuse() {
@@ -253,27 +256,42 @@ nothing_left() {
 
 # What it checks
 
+# Links to files count as files, as they do under Windows.
 listing() {
-  (cd -- "$1" && find . -type d -printf '%P/\n' -o -type f -printf '%P %s\n' | sort)
+  (cd -- "$1" && find . -type d -printf '%p/\n' -o -xtype f -exec stat -L -c '%n %s' {} + | sort)
 }
 
 same_listing() {
   diff <(listing "$SOURCE") <(listing "$ROOT")
 }
 
+# same_tree <copy>
+same_tree() {
+  local name
+  while IFS= read -r -d '' name; do
+    cmp -- "$SOURCE/$name" "$1/$name" || return
+  done < <(find "$SOURCE" -xtype f -printf '%P\0')
+}
+
 same_file() {
   cmp -- "$SOURCE/$1" "$ROOT/$1"
 }
 
-# In blocks of 512 bytes, as the file system counts.
+# filter_says <name>: a number from the filter's own account of the sync root.
+filter_says() {
+  "$FILTER" --state "$DEMO/filter" --status | sed -n "s/.*\"$1\": \([0-9]*\).*/\1/p"
+}
+
+# Both what the file system counts, in blocks of 512 bytes, and what the filter does.
 nothing_on_disk() {
   find "$ROOT" -type f -printf '%b %s %P\n' |
-    awk '$1 > 0 { print; bad = 1 } END { exit bad || NR == 0 }'
+    awk '$1 > 0 { print; bad = 1 } END { exit bad || NR == 0 }' && (($(filter_says bytesOnDisk) == 0))
 }
 
 everything_on_disk() {
   find "$ROOT" -type f -printf '%b %s %P\n' |
-    awk '$1 * 512 < $2 { print; bad = 1 } END { exit bad || NR == 0 }'
+    awk '$1 * 512 < $2 { print; bad = 1 } END { exit bad || NR == 0 }' &&
+    (($(filter_says bytesOnDisk) >= $(filter_says bytesTotal)))
 }
 
 incomplete() {
@@ -281,9 +299,10 @@ incomplete() {
 }
 
 show_disk_use() {
-  find "$ROOT" -type f -printf '%b %s\n' | awk '
-    { disk += $1 * 512; size += $2 }
-    END { printf "   on disk: %.1f of %.1f MiB\n", disk / 1048576, size / 1048576 }'
+  local disk total
+  disk="$(filter_says bytesOnDisk)" total="$(filter_says bytesTotal)"
+  say "on disk: $(numfmt --to=iec-i --suffix=B "$disk" "$total" | paste -sd ' ' | sed 's/ / of /')" \
+    "($disk of $total bytes, by the filter's account)"
 }
 
 copy_under_windows() {

@@ -79,7 +79,7 @@ stage() {
   local title=$1 log=$2 start status=0
   shift 2
   start="$(now)"
-  printf '  %-46s ' "$title"
+  printf '%s%-46s ' "${STAGE_INDENT:-  }" "$title"
   "$@" >"$log" 2>&1 </dev/null 7>&- || status=$?
   if ((status == 0)); then
     printf '%sok%s %9s s\n' "$GREEN" "$PLAIN" "$(seconds_since "$start")"
