@@ -35,23 +35,22 @@ show_first_read() {
   show_disk_use
 }
 
-# How many seconds mirror takes to send a file, times a factor.
+# sending_time <file>: how many milliseconds mirror takes for it.
 sending_time() {
-  awk -v size="$(stat -L -c %s -- "$SOURCE/$1")" -v rate="$RATE" -v factor="$2" \
-    'BEGIN { printf "%.2f", size / rate / 1e6 * factor }'
+  printf '%s' "$(($(stat -L -c %s -- "$SOURCE/$1") / RATE / 1000))"
 }
 
 show_interrupted_read() {
   local file=$1 reader
   step "A reader is killed half-way" \
     "Nobody wants the rest any more: mirror hears of it. The next reader gets all of the file."
-  if [[ $(sending_time "$file" 1) < 0.40 ]]; then
+  if (($(sending_time "$file") < 400)); then
     say "(No file here takes long enough to send: this is left out.)"
     return
   fi
   cat -- "$ROOT/$file" >/dev/null 2>&1 7>&- &
   reader=$!
-  sleep "$(sending_time "$file" 0.3)"
+  sleep "$(awk -v time="$(sending_time "$file")" 'BEGIN { print time / 3000 }')"
   kill -KILL "$reader" 2>/dev/null || true
   wait "$reader" 2>/dev/null || true
   expect 'the killed reader left the file incomplete' incomplete "$file"
