@@ -147,10 +147,9 @@ class Provider {
   void Disconnect() {
     if (!std::exchange(connected_, false)) return;
     stopping_ = true;
-    std::unique_lock lock(mutex_);
-    served_.wait(lock, [this] { return fetches_.empty(); });
-    lock.unlock();
+    WaitForFetches();
     const auto result = CORVWinCFSyncRootDisconnect(syncRoot_.get());
+    WaitForFetches();  // of callbacks that were still on their way
     if (result < 0) console_.Line("cannot disconnect " + ResultText(result));
   }
 
@@ -191,6 +190,11 @@ class Provider {
 
   static Provider& Of(const CORVWinCFCallbackRecord& r) {
     return *static_cast<Provider*>(r.context);
+  }
+
+  void WaitForFetches() {
+    std::unique_lock lock(mutex_);
+    served_.wait(lock, [this] { return fetches_.empty(); });
   }
 
   // A callback holds up a program, and its record is gone when it returns: copy what is needed,
@@ -358,7 +362,8 @@ class Provider {
     sent_ += sent;
     const auto at = items_.find(fetch.identity);
     if (at == items_.end()) return;
-    at->second.onDisk = std::min(at->second.onDisk + sent, at->second.size - missing);
+    auto& item = at->second;
+    item.onDisk = std::clamp<std::int64_t>(item.size - missing, 0, item.onDisk + sent);
   }
 
   const fs::path source_, root_;
