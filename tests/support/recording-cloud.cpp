@@ -130,7 +130,8 @@ HRESULT FillPlaceholder(const PlaceholderFacts& facts, void* buffer, DWORD lengt
   info.InSyncState = static_cast<CF_IN_SYNC_STATE>(facts.inSyncState);
   info.FileId.QuadPart = facts.fileId;
   info.SyncRootFileId.QuadPart = facts.syncRootFileId;
-  info.FileIdentityLength = static_cast<ULONG>(facts.identity.size());
+  info.FileIdentityLength =
+      facts.statedIdentityLength.value_or(static_cast<ULONG>(facts.identity.size()));
   return Fill(buffer, length, &info, offsetof(CF_PLACEHOLDER_STANDARD_INFO, FileIdentity),
               facts.identity, returned);
 }
@@ -153,7 +154,8 @@ HRESULT FillSyncRoot(const SyncRootFacts& facts, CF_SYNC_ROOT_INFO_CLASS infoCla
   CF_SYNC_ROOT_STANDARD_INFO info{};
   CopyName(facts.providerName, info.ProviderName);
   CopyName(facts.providerVersion, info.ProviderVersion);
-  info.SyncRootIdentityLength = static_cast<ULONG>(facts.identity.size());
+  info.SyncRootIdentityLength =
+      facts.statedIdentityLength.value_or(static_cast<ULONG>(facts.identity.size()));
   return Fill(buffer, length, &info, offsetof(CF_SYNC_ROOT_STANDARD_INFO, SyncRootIdentity),
               facts.identity, returned);
 }

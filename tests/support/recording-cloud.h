@@ -36,6 +36,8 @@ struct PlaceholderFacts {
   std::int64_t fileId = 0;
   std::int64_t syncRootFileId = 0;
   Bytes identity = {};
+  // A wrong length of the identity, told instead of the true one.
+  std::optional<ULONG> statedIdentityLength = std::nullopt;
 };
 
 // What CfGetSyncRootInfoByPath tells of a root.
@@ -43,6 +45,7 @@ struct SyncRootFacts {
   Bytes identity = {};
   std::wstring providerName = L"CorvaneDrive";
   std::wstring providerVersion = L"1.1";
+  std::optional<ULONG> statedIdentityLength = std::nullopt;
 };
 
 // Stands in for the whole platform for the object's lifetime: records every call and answers as the

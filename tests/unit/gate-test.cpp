@@ -305,5 +305,29 @@ TEST_F(NullHandleTest, PlaceholderExportsRefuseANullHandleWithoutAskingThePlatfo
   EXPECT_THAT(cloud_.Calls(), testing::IsEmpty());
 }
 
+class NullTextTest : public NimbraTest {};
+
+TEST_F(NullTextTest, IsAFailureWithoutAskingThePlatform) {
+  char identity[4] = {};
+  EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(nullptr, identity), -1);
+  EXPECT_EQ(CORVWinCFIsPathUnderCorvDriveSyncRoot(nullptr), 0);
+  EXPECT_EQ(CORVWinCFIsPlaceholder(nullptr), -1);
+  EXPECT_EQ(CORVWinCFIsPlaceholderByFindData(nullptr), -1);
+  EXPECT_EQ(CORVWinCFIsFullyHydrated(nullptr), -1);
+  EXPECT_EQ(CORVWinCFIsFullyHydratedW(nullptr), -1);
+  EXPECT_EQ(CORVWinCFPlaceholderNew(nullptr, "C:/Sync/file.txt"), -1);
+  CORVWinCFPlaceholderHandle handle = nullptr;
+  EXPECT_EQ(CORVWinCFPlaceholderNew(&handle, nullptr), -1);
+  EXPECT_EQ(handle, nullptr);
+  ASSERT_EQ(CORVWinCFPlaceholderNew(&handle, "C:/Sync/file.txt"), 0);
+  CORVWinCFPlaceholderMetaHandle meta = CORVWinCFPlaceholderMetaNew(0, 0, 0, 0, 0, 0);
+  EXPECT_EQ(CORVWinCFPlaceholderCreate(handle, nullptr, meta), -1);
+  EXPECT_EQ(CORVWinCFPlaceholderUpdate(handle, nullptr, meta), -1);
+  EXPECT_EQ(CORVWinCFPlaceholderConvertToPlaceholder(handle, nullptr), -1);
+  CORVWinCFPlaceholderMetaRelease(meta);
+  CORVWinCFPlaceholderRelease(handle);
+  EXPECT_THAT(cloud_.Calls(), testing::IsEmpty());
+}
+
 }  // namespace
 }  // namespace nimbra_test

@@ -204,6 +204,23 @@ TEST_F(FileIdentityTest, AnIdentityLargerThanThePlatformAllowsIsAFailedQuery) {
               testing::ElementsAre(InfoLine(path_, static_cast<HRESULT>(0x800700EA))));
 }
 
+TEST_F(FileIdentityTest, AWrongLengthLeadsNoFurtherThanTheQuerysBuffer) {
+  cloud_.SetPlaceholder({.identity = "file-42", .statedIdentityLength = 0xFFFFFFFF});
+
+  CORVWinCFPlaceholderGetFileIdentity(placeholder_.Get(), buffer_.data());
+
+  EXPECT_EQ(Bytes(7), "file-42");
+  EXPECT_TRUE(UntouchedFrom(4160 - 60));
+}
+
+TEST_F(FileIdentityTest, NoBufferIsNoHarm) {
+  cloud_.SetPlaceholder({.identity = "file-42"});
+
+  CORVWinCFPlaceholderGetFileIdentity(placeholder_.Get(), nullptr);
+
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+}
+
 class FullyHydratedTest : public OpenPlaceholderTest {
  protected:
   // The answer for the ten-byte file with that much on disk.

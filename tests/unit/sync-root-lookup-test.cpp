@@ -85,6 +85,16 @@ TEST_F(SyncRootIdentityTest, RefusesAnIdentityThatDoesNotFit) {
                                                    kPath + ", ec: -2147024662")));
 }
 
+TEST_F(SyncRootIdentityTest, AWrongLengthLeadsNoFurtherThanTheQuerysBuffer) {
+  cloud_.SetSyncRoot({.identity = "id", .statedIdentityLength = 0xFFFFFFFF});
+
+  EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(kPath, buffer_.data()), 0);
+
+  EXPECT_EQ(std::string(buffer_.data(), 2), "id");
+  EXPECT_EQ(Written().find('\xCC'), std::string::npos);
+  EXPECT_LE(Written().size(), 65536u - 1056u);
+}
+
 TEST_F(SyncRootIdentityTest, CopiesNothingForAnEmptyIdentity) {
   cloud_.SetSyncRoot({""});
 
