@@ -71,10 +71,12 @@ class Readers(EndToEndCase):
             with self.subTest(status=status):
                 name = f"fails-{status}.bin"
                 data = root.create(name, 300_000)
-                root.serve(failStatus=status, failCount=1)
+                root.serve(failStatus=status)
                 self.assertIn("Input/output error", root.reading_fails(name))
+                root.serve()
+                since = self.provider.mark()
                 self.assert_content(root, name, data)
-                self.assertEqual(self.fetched_ranges(root, name), [(0, 300_000)] * 2)
+                self.assertEqual(self.fetched_ranges(root, name, since), [(0, 300_000)])
                 keys = {event["key"] for event in self.provider.events("fetch", identity=name)}
                 self.assertEqual(len(keys), 1, "the same transfer key names the file again")
 

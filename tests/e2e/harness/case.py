@@ -8,16 +8,11 @@ import shutil
 import tempfile
 import unittest
 
-from .daemon import (
-    FilterDaemon,
-    clean_up_mounts,
-    fuse_is_usable,
-    mounts_below,
-    wait_for_no_processes,
-)
+from .daemon import FilterDaemon, clean_up_mounts, fuse_is_usable, mounts_below
+from .processes import wait_for_no_processes
 from .roots import SyncRoot
 from .settings import SETTINGS
-from .waiting import time_limit
+from .waiting import time_limit, wait_until
 from .wine import WinePrefix
 
 def signed(code):
@@ -156,6 +151,16 @@ class EndToEndCase(unittest.TestCase):
         fetches = root.provider.events("fetch", since, root=root.name, identity=identity)
         return [(fetch.number("offset"), fetch.number("length")) for fetch in fetches]
 
-    def transfers(self, root, identity, since=0):
-        sent = root.provider.events("transfer", since, identity=identity)
-        return [(transfer.number("offset"), transfer.number("length")) for transfer in sent]
+    def assert_transfers(self, root, identity, expected):
+        """The data went over in these (offset, length) pieces, each of which was accepted."""
+        program = root.provider
+
+        # The program that reads may have its data before the client hears that it arrived.
+        def sent():
+            found = program.events("transfer", identity=identity)
+            return found if len(found) >= len(expected) else None
+
+        transfers = wait_until(sent, what=f"{len(expected)} transfers") if expected else []
+        pieces = [(event.number("offset"), event.number("length")) for event in transfers]
+        self.assertEqual(pieces, expected)
+        self.assertEqual({event["result"] for event in transfers} - {"0"}, set())

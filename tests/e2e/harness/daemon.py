@@ -5,7 +5,6 @@ import os
 import pathlib
 import signal
 import subprocess
-import time
 
 from .settings import SETTINGS
 from .waiting import wait_until
@@ -92,28 +91,4 @@ def clean_up_mounts(folder):
     left = mounts_below(folder)
     for point in left:
         subprocess.run(["fusermount3", "-u", "-z", point], check=False, timeout=20)
-    return left
-
-
-def processes_naming(folder):
-    """Processes whose command line or environment names the folder, but this one."""
-    found = []
-    needle = str(folder).encode()
-    for entry in pathlib.Path("/proc").iterdir():
-        if not entry.name.isdigit() or int(entry.name) == os.getpid():
-            continue
-        try:
-            command = (entry / "cmdline").read_bytes()
-            environment = (entry / "environ").read_bytes()
-        except OSError:
-            continue
-        if needle in command or b"WINEPREFIX=" + needle in environment:
-            found.append(command.replace(b"\0", b" ").decode(errors="replace").strip())
-    return found
-
-
-def wait_for_no_processes(folder, seconds=10):
-    end = time.monotonic() + seconds
-    while (left := processes_naming(folder)) and time.monotonic() < end:
-        time.sleep(0.05)
     return left

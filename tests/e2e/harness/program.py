@@ -122,6 +122,12 @@ class Program:
             return len(self._events)
 
     def events(self, kind, since=0, **wanted):
+        """All such events until now."""
+        if self.process.poll() is None:
+            self.call("sync")
+        return self._arrived_events(kind, since, wanted)
+
+    def _arrived_events(self, kind, since, wanted):
         with self._lock:
             events = self._events[since:]
         return [message for name, message in events if name == kind and message.matches(wanted)]
@@ -129,14 +135,13 @@ class Program:
     def wait_for(self, kind, timeout=10, since=0, **wanted):
         """The first such event."""
 
-        def first():
-            if self.process.poll() is not None and not self._reader.is_alive():
-                found = self.events(kind, since, **wanted)
-                assert found, f"the program ended without the event {kind} {wanted}"
-                return found
-            return self.events(kind, since, **wanted)
+        def find():
+            ended = not self._reader.is_alive()
+            found = self._arrived_events(kind, since, wanted)
+            assert found or not ended, f"the program ended without the event {kind} {wanted}"
+            return found
 
-        return wait_until(first, timeout, f"the event {kind} {wanted}")[0]
+        return wait_until(find, timeout, f"the event {kind} {wanted}")[0]
 
     def log_lines(self, since=0):
         """What the program sent to the debugger."""

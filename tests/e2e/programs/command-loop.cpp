@@ -8,8 +8,9 @@
 #include <cstdio>
 #include <iostream>
 #include <mutex>
-#include <thread>
 #include <utility>
+
+#include "background.h"
 
 namespace e2e {
 namespace {
@@ -137,15 +138,17 @@ void CommandLoop::Start(std::string_view line) {
   const std::string name(TakeWord(line));
   const auto found = commands_.find(name);
   if (found == commands_.end()) Die("no such command: " + name);
-  // Detached, since a command may wait for ever on purpose; the process ends without it.
-  std::thread([number, fields = Fields::Decode(line), &command = found->second] {
+  // A command may wait for ever on purpose; the process ends without it.
+  RunInBackground([number, fields = Fields::Decode(line), &command = found->second] {
     WriteLine("R\t" + number + command(fields).Encode());
-  }).detach();
+  });
 }
 
 void CommandLoop::Run() {
   _setmode(_fileno(stdin), _O_BINARY);
   _setmode(_fileno(stdout), _O_BINARY);
+  // Its answer follows all that was said before it.
+  Add("sync", [](const Fields&) { return Fields(); });
   EmitEvent("ready", Fields().Set("windowsProcessId", GetCurrentProcessId()));
   for (std::string line; std::getline(std::cin, line);) Start(line);
   ExitProcess(0);

@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "background.h"
 #include "file-access.h"
 
 namespace e2e {
@@ -54,6 +55,7 @@ std::shared_ptr<FetchServer::Job> FetchServer::MakeJob(Fetch fetch) {
   if (rules_.failStatus != 0 && rules_.failCount-- <= 0) job->rules.failStatus = 0;
   job->fetch = std::move(fetch);
   const auto limit = std::min(job->fetch.length, rules_.stopAfterBytes);
+  rules_.stopAfterBytes -= limit;
   for (std::int64_t done = 0; done < limit; done += rules_.pieceSize) {
     job->pieces.push_back(
         {job->fetch.offset + done, std::min(rules_.pieceSize, job->fetch.length - done)});
@@ -65,7 +67,7 @@ std::shared_ptr<FetchServer::Job> FetchServer::MakeJob(Fetch fetch) {
 }
 
 void FetchServer::Serve(Fetch fetch) {
-  std::thread([this, job = MakeJob(std::move(fetch))] { Run(job); }).detach();
+  RunInBackground([this, job = MakeJob(std::move(fetch))] { Run(job); });
 }
 
 void FetchServer::Run(const std::shared_ptr<Job>& job) {

@@ -23,7 +23,7 @@ struct ServeRules {
   std::int64_t delayMs = 0;                  // before each transfer
   std::int64_t failStatus = 0;               // answers with this status instead of data ...
   std::int64_t failCount = INT64_MAX;        // ... this many times, then as usual
-  std::int64_t stopAfterBytes = INT64_MAX;   // then falls silent; 0: never answers at all
+  std::int64_t stopAfterBytes = INT64_MAX;   // of all files together, then falls silent
   std::int64_t crashAtTransfer = INT64_MAX;  // ends the process in place of that transfer
   std::int64_t threads = 1;                  // that share the pieces of one fetch
   bool reverse = false;                      // last piece first
