@@ -13,27 +13,27 @@
  *     CORVWinCFHresult is a Windows HRESULT: the platform's own result, unchanged, where the
  *     description says nothing else; negative means failure. Outputs are written on success only,
  *     where the description says nothing else.
- *  3. The gate. Windows must be version 10.0, build 17134 or later. On anything older each function
- *     does nothing at all and returns its closed-gate result: -1, E_NOINTERFACE (0x80004002), null,
- *     or nothing, by its type. The exceptions are the functions described as having no gate, and
- *     CORVWinCFIsPathUnderCorvDriveSyncRoot, which returns 0.
- *  4. The host's manifest. Windows tells a program its true version only if the program's manifest
- *     lists the Windows 10 `supportedOS` {8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}. WITHOUT IT THE
- * GATE STAYS CLOSED on every Windows.
+ *  3. The gate. Windows must be version 10.0, build 17134 or later. On anything older each
+ *     function does nothing at all and returns its closed-gate result: -1, E_NOINTERFACE
+ *     (0x80004002), null, or nothing, by its type. The exceptions are the functions described as
+ *     having no gate, and CORVWinCFIsPathUnderCorvDriveSyncRoot, which returns 0.
+ *  4. The host's manifest. Windows tells a program its true version only if the program's
+ *     manifest lists the Windows 10 `supportedOS` {8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}. WITHOUT
+ *     IT THE GATE STAYS CLOSED on every Windows.
  *  5. Null. A null handle is a failure: -1, or E_POINTER (0x80004003) from functions with a
  *     CORVWinCFHresult; release functions ignore it. A null text or output pointer is a failure
- * too, where the description does not allow it or say otherwise.
+ *     too, where the description does not allow it or say otherwise.
  *  6. Ownership. What a ...New function hands out is given back to the ...Release function of its
  *     family, exactly once, and not used afterwards. Sync roots and callback delegators live on
  *     until the process ends: their release gives back the handle only.
  *  7. Threads. Any function may be called from any thread, from a callback too, and at the same
- * time as any other, with two limits: one placeholder handle is used by one thread at a time, and a
- *     delegator's callbacks are set before it is connected and stay as they are. No function takes
- * a lock that another waits for.
+ *     time as any other, with two limits: one placeholder handle is used by one thread at a time,
+ *     and a delegator's callbacks are set before it is connected and stay as they are. No
+ *     function takes a lock that another waits for.
  *  8. Diagnostics. Every failure of the platform writes one line to the debugger output
  *     (OutputDebugString) where no other is announced. There is nothing to switch on.
  *  9. Memory. Running out of it is a failure like any other: -1, E_OUTOFMEMORY (0x8007000E) or
- * null.
+ *     null.
  * 10. Calling convention: the one of 64-bit Windows. The library needs cldapi.dll and loads it on
  *     first use from the default DLL directories; without it, or without a function in it, calls
  *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F).
@@ -63,8 +63,10 @@ typedef struct CORVWinCFCallbackDelegatorHandleRecord* CORVWinCFCallbackDelegato
 /** One file or folder below a sync root. */
 typedef struct CORVWinCFPlaceholderHandleRecord* CORVWinCFPlaceholderHandle;
 /** Times, size and type of a placeholder; unchangeable once made. */
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is part of the binary interface.
 typedef struct __tag_PlaceholderMetaWrap* CORVWinCFPlaceholderMetaHandle;
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier): Windows names it so.
 struct _WIN32_FIND_DATAW;
 
 /* ---- Platform and version ------------------------------------------------------------------- */

@@ -68,7 +68,7 @@ class PlaceholderWinCF : public PlaceholderBase {
 
  private:
   bool HydrateRange(std::int64_t offset, std::int64_t length, bool async);
-  bool HydrateWhole(bool async, int logLine);
+  bool HydrateWhole(bool async, int sizeFailedLine);
   bool CreateOnDisk(const PlaceholderMetaWinCF& meta, const std::string& identity);
 
   std::string path;

@@ -61,8 +61,7 @@ SyncRootWinCF::SyncRootWinCF(std::string rootPath, std::string rootUserName,
                              std::string rootIdentity)
     : path(std::move(rootPath)),
       userName(std::move(rootUserName)),
-      identity(std::move(rootIdentity)),
-      connectionKey{} {}
+      identity(std::move(rootIdentity)) {}
 
 HRESULT SyncRootWinCF::Register(const std::string& text) {
   return RegisterWithFlags(text, CF_REGISTER_FLAG_DISABLE_ON_DEMAND_POPULATION_ON_ROOT);

@@ -59,7 +59,7 @@ class SyncRootWinCF : public SyncRootBase {
   std::string path;
   std::string userName;
   std::string identity;
-  CF_CONNECTION_KEY connectionKey;
+  CF_CONNECTION_KEY connectionKey{};
 };
 
 // The identity of the root that a client serves in this session.

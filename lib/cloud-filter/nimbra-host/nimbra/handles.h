@@ -27,6 +27,7 @@ using PlaceholderCell = HandleCell<PlaceholderWinCF>;
 }  // namespace corvdrive::cloud_filter
 
 // The handle of a metadata object is polymorphic, so that a release can tell a foreign one.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is part of the binary interface.
 struct __tag_PlaceholderMetaWrap {
   virtual ~__tag_PlaceholderMetaWrap() = default;
   virtual void Unused() = 0;

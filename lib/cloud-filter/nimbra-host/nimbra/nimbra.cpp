@@ -10,6 +10,7 @@
 #include "common/text.h"
 #include "nimbra-host/nimbra/export-support.h"
 
+// NOLINTNEXTLINE(google-build-using-namespace): the exports are C functions, in no namespace.
 using namespace corvdrive::cloud_filter;
 
 namespace {

@@ -5,6 +5,7 @@
 #include "nimbra-host/nimbra/handles.h"
 #include "win-cf/placeholder-info.h"
 
+// NOLINTNEXTLINE(google-build-using-namespace): the exports are C functions, in no namespace.
 using namespace corvdrive::cloud_filter;
 
 namespace {

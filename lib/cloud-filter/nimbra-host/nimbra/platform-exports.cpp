@@ -1,6 +1,7 @@
 #include "common/cldapi-table.h"
 #include "nimbra-host/nimbra/export-support.h"
 
+// NOLINTNEXTLINE(google-build-using-namespace): the exports are C functions, in no namespace.
 using namespace corvdrive::cloud_filter;
 
 bool CORVWinCFIsWinVersionSupportFileStreaming() { return supportFileStreaming != 0; }

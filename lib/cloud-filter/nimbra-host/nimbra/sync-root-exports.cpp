@@ -1,5 +1,6 @@
 #include "nimbra-host/nimbra/handles.h"
 
+// NOLINTNEXTLINE(google-build-using-namespace): the exports are C functions, in no namespace.
 using namespace corvdrive::cloud_filter;
 
 namespace {
