@@ -248,7 +248,12 @@ void ApiServer::Accept() {
     if (!socket || sessions_.size() >= kMaxSessions) continue;
     const int on = 1;
     setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    sessions_.push_back(std::make_unique<Session>(std::move(socket), *this));
+    try {
+      sessions_.push_back(std::make_unique<Session>(std::move(socket), *this));
+    } catch (const std::exception& error) {
+      // The socket is closed by now; those who are served already go on.
+      std::fprintf(stderr, "cloud-filterd: a client was turned away: %s\n", error.what());
+    }
   }
 }
 

@@ -72,7 +72,7 @@ void Core::Start() {
     if (OpenRoot(root) != hr::kOk) {
       std::fprintf(stderr,
                    "cloud-filterd: %s cannot be opened and stays out of service; restore the "
-                   "folder or unregister it\n",
+                   "folder and start again, or unregister it\n",
                    root->record.path.c_str());
       continue;
     }

@@ -21,16 +21,6 @@ bool Aligned(std::int64_t offset, std::int64_t length, std::int64_t size) {
   return offset % kPage == 0 && (length % kPage == 0 || EndOf(offset, length) >= size);
 }
 
-// Marks a range as present; the placeholder may become whole by it.
-void AddPresent(Item& item, Range range) {
-  auto& record = item.record;
-  record.present.Add(range);
-  if (!item.Usable({0, item.Size()})) return;
-  record.full = true;
-  record.present.Clear();
-  record.validated.Clear();
-}
-
 }  // namespace
 
 Hresult RangesOf(const Item& item, std::uint32_t rangeClass, std::int64_t offset,
@@ -155,7 +145,8 @@ Hresult ExecuteService::Store(const Addressed& addressed, Range range, std::stri
     }
   }
   Guard guard(core_);
-  AddPresent(item, range);
+  item.record.present.Add(range);
+  item.Settle(item.Size());
   core_.items.SaveQuietly(item);
   return hr::kOk;
 }
@@ -212,7 +203,7 @@ Hresult ExecuteService::AckData(const wire::Target& target, std::uint32_t status
     return hr::kOk;
   }
   for (const auto& run : item.PresentRanges().Within(range)) item.record.validated.Add(run);
-  AddPresent(item, {});
+  item.Settle(size);
   core_.items.SaveQuietly(item);
   core_.hydration.Advance(guard, addressed.item);
   return hr::kOk;
@@ -270,7 +261,7 @@ Hresult ExecuteService::Restart(const Addressed& addressed, std::uint32_t flags,
   }
   if (metadata) SetTimes(item.reference.Get(), metadata->lastAccessTime, metadata->lastWriteTime);
   Guard guard(core_);
-  if (size == 0) item.record.full = true;
+  item.Settle(size);
   core_.items.SaveQuietly(item);
   return hr::kOk;
 }

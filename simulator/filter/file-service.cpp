@@ -138,9 +138,8 @@ int FileService::AboutToShrink(const ItemPtr& item, std::int64_t size, pid_t thr
 
 void FileService::Shrunk(const ItemPtr& item) {
   Guard guard(core_);
-  if (!item->record.full && item->Usable({0, item->Size()})) {
-    item->record.full = true;
-    item->record.present.Clear();
+  if (!item->record.full) {
+    item->Settle(item->Size());
     core_.items.SaveQuietly(*item);
   }
   core_.hydration.Advance(guard, item);
@@ -245,7 +244,9 @@ void FileService::Deleted(const ItemPtr& item, ino_t inode, const std::string& r
       connection->sink->Send(event);
     }
   }
-  if (gone) core_.items.Forget(*root_, inode, true);
+  if (!gone) return;
+  item->lastPath = relativePath;
+  core_.items.Forget(*root_, inode, true);
 }
 
 void FileService::AskRename(FileRef file, const std::string& target, Waiting waiting, Then then) {

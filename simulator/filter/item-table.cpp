@@ -37,9 +37,24 @@ RangeSet Item::PresentRanges() const {
 }
 
 std::string Item::RelativePath() const {
+  if (deleted) return lastPath;
   const auto base = PathOf(root->folder.Get());
   const auto path = PathOf(reference.Get());
   return path.size() > base.size() ? path.substr(base.size() + 1) : std::string();
+}
+
+void Item::SetPresent(RangeSet present, std::int64_t size) {
+  if (record.full && root->ValidationRequired()) record.validated = present;
+  record.full = false;
+  record.present = std::move(present);
+  Settle(size);
+}
+
+void Item::Settle(std::int64_t size) {
+  if (record.full || !Usable({0, size})) return;
+  record.full = true;
+  record.present.Clear();
+  record.validated.Clear();
 }
 
 int Item::Opens() const {

@@ -25,6 +25,7 @@ struct Item : std::enable_shared_from_this<Item> {
   ItemRecord record;
   UniqueFd reference;  // keeps the inode from being reused
   bool deleted = false;
+  std::string lastPath;  // of one that was deleted, below the root
 
   // Shared while data is read, exclusive while data or the ranges present change. Taken before the
   // core's lock, never while it is held.
@@ -43,6 +44,11 @@ struct Item : std::enable_shared_from_this<Item> {
   [[nodiscard]] RangeSet UsableRanges() const;
   [[nodiscard]] RangeSet PresentRanges() const;
   [[nodiscard]] std::string RelativePath() const;
+
+  // Replaces the ranges present of a file of this size.
+  void SetPresent(RangeSet present, std::int64_t size);
+  // Notices when nothing is missing any more.
+  void Settle(std::int64_t size);
 };
 using ItemPtr = std::shared_ptr<Item>;
 

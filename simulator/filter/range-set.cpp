@@ -39,8 +39,10 @@ bool RangeSet::Contains(Range range) const { return Missing(range).empty(); }
 
 std::vector<Range> RangeSet::Within(Range range) const {
   std::vector<Range> parts;
-  for (const auto& run : runs_) {
-    const Range part{std::max(run.begin, range.begin), std::min(run.end, range.end)};
+  auto run = std::upper_bound(runs_.begin(), runs_.end(), range.begin,
+                              [](auto at, const Range& r) { return at < r.end; });
+  for (; run != runs_.end() && run->begin < range.end; ++run) {
+    const Range part{std::max(run->begin, range.begin), std::min(run->end, range.end)};
     if (!part.Empty()) parts.push_back(part);
   }
   return parts;

@@ -151,7 +151,8 @@ Hresult RootService::Unregister(const std::string& path) {
     Guard guard(core_);
     std::string relative;
     root = core_.RootOf(guard, path, relative);
-    if (root == nullptr || !relative.empty()) return hr::kNotUnderSyncRoot;
+    if (root == nullptr) return ForgetVanished(path);
+    if (!relative.empty()) return hr::kNotUnderSyncRoot;
     if (root->connection != nullptr) return hr::kInvalidRequest;
     if (!MayWrite(root->folder.Get())) return hr::kAccessDenied;
     core_.roots.erase(root->record.id);
@@ -162,6 +163,16 @@ Hresult RootService::Unregister(const std::string& path) {
   core_.items.ForgetRoot(*root);
   core_.store.RemoveRoot(root->record.id);
   return hr::kOk;
+}
+
+// A root whose folder could not be opened at start is known to the store only.
+Hresult RootService::ForgetVanished(const std::string& path) {
+  for (const auto& record : core_.store.Roots()) {
+    if (record.path != path) continue;
+    core_.store.RemoveRoot(record.id);
+    return hr::kOk;
+  }
+  return hr::kNotUnderSyncRoot;
 }
 
 // Documented: what is fully there becomes plain, what is not is deleted; what can be neither is

@@ -56,6 +56,7 @@ class RootService {
                   RootPtr& root);
   void SaveRootItem(Guard& guard, const RootPtr& root, const Registration& registration);
   void RevertTree(const RootPtr& root);
+  Hresult ForgetVanished(const std::string& path);
   RootPtr Exactly(Guard& guard, const std::string& path);
 
   Core& core_;

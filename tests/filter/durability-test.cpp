@@ -202,6 +202,8 @@ TEST_F(Durability, AFolderThatVanishedStaysOutOfServiceAndHarmsNobody) {
   EXPECT_NE(daemon->Log().find("stays out of service"), std::string::npos);
   wire::RootInfo info;
   EXPECT_RESULT(api->GetRootInfo(root, info), hr::kOk);
+  EXPECT_RESULT(api->Unregister(folder / "second"), hr::kOk);
+  EXPECT_RESULT(api->Unregister(folder / "second"), hr::kNotUnderSyncRoot);
 }
 
 }  // namespace

@@ -253,7 +253,9 @@ TEST_F(Reading, AFileThatWasDeletedWhileOpenStillGetsItsData) {
     content.resize(done);
     return content;
   });
-  EXPECT_RESULT(Answer(NextFetch()), hr::kOk);
+  const auto fetch = NextFetch();
+  EXPECT_EQ(fetch.relativePath, "a");
+  EXPECT_RESULT(Answer(fetch), hr::kOk);
   EXPECT_EQ(reader.get(), ContentOf("a", kSize));
 }
 
