@@ -15,6 +15,8 @@
 #include "tests/support/import-double.h"
 #include "tests/support/temp-folder.h"
 #include "tests/unit/transfer-fixture.h"
+#include "win-cf/placeholder.h"
+#include "win-cf/sync-root.h"
 
 namespace {
 
@@ -352,6 +354,29 @@ TEST_F(ProactiveTransferTest, APositiveResultOfAChunkEndsTheTransferToo) {
   EXPECT_EQ(Transfer(path), -1);
   EXPECT_THAT(log_.Lines(), ElementsAre(IsLogLine(kSyncRootSource, "Failed to transfer [0, 10]")));
   ExpectKeyReleased();
+}
+
+// Counts the chunks that pass its virtual operation.
+class CountingRoot : public corvdrive::cloud_filter::SyncRootWinCF {
+ public:
+  using SyncRootWinCF::SyncRootWinCF;
+
+  HRESULT TransferData(std::int64_t transferKey, std::int64_t unused, const void* buffer,
+                       std::int64_t offset, std::int64_t length, std::uint32_t status) override {
+    lengths.push_back(length);
+    return SyncRootWinCF::TransferData(transferKey, unused, buffer, offset, length, status);
+  }
+
+  std::vector<std::int64_t> lengths;
+};
+
+TEST_F(ProactiveTransferTest, SendsItsChunksThroughTheVirtualOperation) {
+  const std::string path = LocalFile(kChunk + 7);
+  corvdrive::cloud_filter::PlaceholderWinCF placeholder(folder_.Item("placeholder"));
+  ASSERT_TRUE(placeholder.Open());
+  CountingRoot root("C:\\Sync", "", "");
+  EXPECT_TRUE(root.ProactiveTransfer(placeholder, path));
+  EXPECT_THAT(root.lengths, ElementsAre(kChunk, 7));
 }
 
 TEST_F(ProactiveTransferTest, AnAllocationThatFailsReleasesKeyAndFile) {
