@@ -3,6 +3,9 @@
 #include <winternl.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <utility>
 
 #include "protected-handle.h"
 #include "result.h"
@@ -19,19 +22,6 @@ HRESULT LastResult() noexcept {
   return error == ERROR_SUCCESS ? E_FAIL : FromWin32(error);
 }
 
-// Asks a function that wants to be told the buffer's length, until the buffer is long enough.
-template <class Ask>
-HRESULT GetText(const Ask& ask, std::wstring& text) {
-  text.resize(MAX_PATH);
-  for (;;) {
-    const DWORD length = ask(text.data(), static_cast<DWORD>(text.size()));
-    if (length == 0) return LastResult();
-    const bool fits = length < text.size();
-    text.resize(length);
-    if (fits) return S_OK;
-  }
-}
-
 bool IsOnDrive(std::wstring_view path) noexcept { return path.size() >= 2 && path[1] == L':'; }
 
 // Wine shows files that no drive shows below this prefix; drive Z shows all of them as a rule.
@@ -46,22 +36,39 @@ std::wstring OnDrive(const std::wstring& path) {
 }
 
 // Wine's file id is the inode number. GetFileInformationByHandle tells it too, but takes a hundred
-// times as long, because it asks another process about the volume. 0 when it cannot be had.
-std::int64_t FileIdOf(HANDLE file) {
+// times as long, because it asks another process about the volume.
+HRESULT GetFileId(HANDLE file, std::int64_t& fileId) {
   IO_STATUS_BLOCK status;
-  LARGE_INTEGER fileId{};
-  NtQueryInformationFile(file, &status, &fileId, sizeof fileId, FileInternalInformation);
-  return fileId.QuadPart;
+  LARGE_INTEGER number{};
+  const NTSTATUS result =
+      NtQueryInformationFile(file, &status, &number, sizeof number, FileInternalInformation);
+  fileId = number.QuadPart;
+  return result < 0 ? result::kInvalidHandle : S_OK;
+}
+
+// The NT path by which a file was opened. Wine's GetFinalPathNameByHandle is made of the same, but
+// fails beyond MAX_PATH.
+HRESULT GetNtPath(HANDLE file, std::wstring& path) {
+  // The record that is filled in begins with a UNICODE_STRING; the name follows it. No name is
+  // longer than that can say.
+  constexpr std::size_t kLongest = sizeof(UNICODE_STRING) + 0x10000;
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kLongest);
+  ULONG length = 0;
+  const NTSTATUS result =
+      NtQueryObject(file, ObjectNameInformation, buffer.get(), kLongest, &length);
+  if (result < 0) return FromWin32(RtlNtStatusToDosError(result));
+  const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer.get());
+  path.assign(name->Buffer, name->Length / sizeof(WCHAR));
+  return S_OK;
 }
 
 }  // namespace
 
 HRESULT FullDosPath(LPCWSTR path, std::wstring& full) {
   if (path == nullptr || *path == L'\0') return result::kInvalidParameter;
-  const HRESULT got = GetText(
-      [&](LPWSTR buffer, DWORD size) { return GetFullPathNameW(path, size, buffer, nullptr); },
-      full);
-  if (FAILED(got)) return got;
+  full.resize(GetFullPathNameW(path, 0, nullptr, nullptr));
+  full.resize(GetFullPathNameW(path, static_cast<DWORD>(full.size()), full.data(), nullptr));
+  if (full.empty()) return LastResult();
   full = OnDrive(full);
   while (full.size() > 3 && full.back() == L'\\') full.pop_back();
   return IsOnDrive(full) ? S_OK : FromWin32(ERROR_BAD_PATHNAME);
@@ -81,17 +88,12 @@ HRESULT ItemOf(HANDLE file, cloud_filter::wire::ItemRef& item) {
   const HandleLease lease(file);
   if (!lease.IsHeld()) return result::kInvalidHandle;
   std::wstring path;
-  SetLastError(ERROR_SUCCESS);
-  const HRESULT got = GetText(
-      [&](LPWSTR buffer, DWORD size) {
-        return GetFinalPathNameByHandleW(lease.File(), buffer, size, FILE_NAME_NORMALIZED);
-      },
-      path);
+  HRESULT got = GetFileId(lease.File(), item.fileId);
+  if (SUCCEEDED(got)) got = GetNtPath(lease.File(), path);
   if (FAILED(got)) return got;
   auto unixPath = UnixFromDos(path);
   if (!unixPath) return LastResult();
   item.path = std::move(*unixPath);
-  item.fileId = FileIdOf(lease.File());
   return S_OK;
 }
 

@@ -42,6 +42,24 @@ TEST_F(Creating, DocumentedTakesLeafNamesOnly) {
   }
 }
 
+// Windows takes paths beyond MAX_PATH from programs whose manifest says longPathAware, as ours
+// does.
+TEST_F(Creating, DocumentedTakesLongPaths) {
+  NewFile folder{
+      std::wstring(200, L'd'), 0, {}, CF_PLACEHOLDER_CREATE_FLAG_DISABLE_ON_DEMAND_POPULATION};
+  folder.attributes = FILE_ATTRIBUTE_DIRECTORY;
+  ASSERT_EQ(Create(folder), S_OK);
+  const std::wstring name(250, L'f');
+  ASSERT_EQ(CreateIn(At(folder.name), {name}), S_OK);
+  const std::wstring path = At(folder.name) + L"\\" + name;
+  EXPECT_EQ(InfoOf(path).identity, "identity-1");
+  EXPECT_EQ(InfoOf(L"\\\\?\\" + path).identity, "identity-1");
+  EXPECT_EQ(HydrateAll(path), S_OK);
+  const auto event = provider_.WaitFor(CF_CALLBACK_TYPE_FETCH_DATA);
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->path, path.substr(2));
+}
+
 TEST_F(Creating, DocumentedFilesNeedAnIdentityOfAtMost4096Bytes) {
   EXPECT_TRUE(FAILED(Create({L"none.bin", 1, ""})));
   EXPECT_TRUE(FAILED(Create({L"long.bin", 1, std::string(4097, 'i')})));
