@@ -119,7 +119,10 @@ void ItemTable::Forget(const Root& root, ino_t inode, bool unlinked) {
   const auto known = items_.find(key);
   if (known != items_.end() && known->second != nullptr) {
     known->second->deleted = true;
-    if (!unlinked) keys_.erase(known->second->transferKey);
+    std::erase_if(unlinkedKeys_, [](const auto& entry) { return entry.second.expired(); });
+    if (keys_.erase(known->second->transferKey) != 0 && unlinked) {
+      unlinkedKeys_[known->second->transferKey] = known->second;
+    }
   }
   if (known != items_.end()) items_.erase(known);
   store_.RemoveItem(key.root, key.inode);
@@ -145,8 +148,9 @@ std::int64_t ItemTable::TransferKeyOf(const ItemPtr& item) {
 }
 
 ItemPtr ItemTable::ByTransferKey(std::int64_t key) {
-  const auto found = keys_.find(key);
-  return found == keys_.end() ? nullptr : found->second;
+  if (const auto found = keys_.find(key); found != keys_.end()) return found->second;
+  const auto found = unlinkedKeys_.find(key);
+  return found == unlinkedKeys_.end() ? nullptr : found->second.lock();
 }
 
 void ItemTable::DropUnused() {

@@ -99,6 +99,8 @@ class ItemTable {
   std::unordered_map<Key, ItemPtr, HashKey> items_;
   // A file keeps its key for the life of this process.
   std::unordered_map<std::int64_t, ItemPtr> keys_;
+  // Held by those who still have the file open only: an item keeps its file's data on the disk.
+  std::unordered_map<std::int64_t, std::weak_ptr<Item>> unlinkedKeys_;
   std::int64_t nextKey_ = 0;
   std::size_t dropAt_ = 8192;
 };
