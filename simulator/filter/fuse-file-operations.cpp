@@ -195,6 +195,9 @@ void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* i
   file->node = &node;
   file->item = files.ItemOf(node.File());
   info->fh = reinterpret_cast<std::uint64_t>(file.get());
+  // Otherwise the kernel empties the file's cache at every open, and for that the open waits for
+  // the reads under way: the server of a Wine prefix would wait for its own provider.
+  info->keep_cache = 1;
   files.Opened(node.File(), thread);
   const auto result = created == nullptr ? fuse_reply_open(request, info)
                                          : fuse_reply_create(request, created, info);

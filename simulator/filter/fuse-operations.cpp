@@ -66,9 +66,13 @@ namespace {
 
 void Initialize(void*, fuse_conn_info* connection) {
   // A read in the background is not interrupted when its reader is killed, so reads stay with their
-  // readers. Truncation at open comes as a change of size, which may wait.
+  // readers. Truncation at open comes as a change of size, which may wait. The cache is emptied
+  // when the filter says so, not when the times that a query sees have changed.
   connection->want &= ~(static_cast<unsigned>(FUSE_CAP_ASYNC_READ) | FUSE_CAP_ATOMIC_O_TRUNC |
-                        FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_READ);
+                        FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_READ | FUSE_CAP_AUTO_INVAL_DATA);
+  if ((connection->capable & FUSE_CAP_EXPLICIT_INVAL_DATA) != 0) {
+    connection->want |= FUSE_CAP_EXPLICIT_INVAL_DATA;
+  }
   connection->max_background = kMaxBackground;
 }
 
