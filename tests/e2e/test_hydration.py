@@ -5,7 +5,7 @@ import mmap
 import subprocess
 
 from harness.case import EndToEndCase
-from harness.content import sha256_of_file, write_big_content, write_content
+from harness.content import sha256, sha256_of_file, write_big_content, write_content
 from harness.waiting import wait_until
 from harness.wine import client_path, dos_path
 
@@ -168,6 +168,25 @@ class Ways(EndToEndCase):
         subprocess.run(["du", "-s", root.path], stdout=subprocess.DEVNULL, check=True, timeout=20)
         self.assert_online_only(root, "a.bin")
         self.assertEqual(self.fetched_ranges(root, "a.bin"), [])
+
+    def test_a_file_can_be_opened_and_looked_at_while_it_is_being_fetched(self):
+        root = self.new_root()
+        root.serve(pieceSize=64 << 10, delayMs=250)
+        data = root.create("slow.bin", MIB)
+        reader = subprocess.Popen(
+            ["sha256sum", root.path / "slow.bin"], stdout=subprocess.PIPE, text=True
+        )
+        self.provider.wait_for("transfer", identity="slow.bin")
+        code = "import os, sys; os.fstat(os.open(sys.argv[1], os.O_RDONLY))"
+        for command in (
+            ["stat", root.path / "slow.bin"],
+            ["ls", "-la", root.path],
+            ["python3", "-c", code, root.path / "slow.bin"],
+        ):
+            subprocess.run(command, stdout=subprocess.DEVNULL, check=True, timeout=1.5)
+        self.assertFalse(root.item("state", "slow.bin", 1.5).number("hydrated") == 0)
+        self.assertIsNone(reader.poll(), "the fetch was over too early to tell")
+        self.assertEqual(reader.communicate(timeout=20)[0].split()[0], sha256(data))
 
     def test_the_answer_may_come_in_small_pieces_last_first_and_from_many_threads(self):
         root = self.new_root()
