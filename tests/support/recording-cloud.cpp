@@ -1,10 +1,8 @@
 #include "tests/support/recording-cloud.h"
 
-#include <algorithm>
-#include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
+#include "tests/support/cloud-copies.h"
 #include "tests/support/test-scope.h"
 
 namespace nimbra_test {
@@ -13,152 +11,7 @@ namespace {
 using corvdrive::cloud_filter::CldApi;
 using corvdrive::cloud_filter::ExchangeCldApi;
 
-constexpr HRESULT kMoreData = static_cast<HRESULT>(0x800700EA);
-constexpr HRESULT kInvalidParameter = static_cast<HRESULT>(0x80070057);
 constexpr ULONG_PTR kStatusPending = 0x103;
-
-std::wstring Text(LPCWSTR text) { return text != nullptr ? text : L"(null)"; }
-
-std::optional<Bytes> Blob(const void* data, DWORD length) {
-  if (data == nullptr) {
-    return std::nullopt;
-  }
-  return Bytes(static_cast<const char*>(data), length);
-}
-
-OverlappedArgument Overlapped(OVERLAPPED* overlapped) {
-  OverlappedArgument argument;
-  argument.address = overlapped;
-  if (overlapped != nullptr) {
-    argument.contents = *overlapped;
-  }
-  return argument;
-}
-
-bool IsZeroed(const void* buffer, DWORD length) {
-  const auto* bytes = static_cast<const char*>(buffer);
-  return std::all_of(bytes, bytes + length, [](char byte) { return byte == 0; });
-}
-
-CreateEntry CopyEntry(const CF_PLACEHOLDER_CREATE_INFO& entry) {
-  return {Text(entry.RelativeFileName),
-          entry.FsMetadata,
-          Blob(entry.FileIdentity, entry.FileIdentityLength),
-          entry.FileIdentityLength,
-          entry.Flags,
-          entry.Result,
-          entry.CreateUsn};
-}
-
-std::vector<CF_CALLBACK_REGISTRATION> CopyTable(const CF_CALLBACK_REGISTRATION* table) {
-  std::vector<CF_CALLBACK_REGISTRATION> copy;
-  constexpr std::size_t kMostEntries = 32;
-  while (table != nullptr && copy.size() < kMostEntries) {
-    copy.push_back(*table);
-    if (table->Type == CF_CALLBACK_TYPE_NONE) {
-      break;
-    }
-    ++table;
-  }
-  return copy;
-}
-
-std::int64_t CountZeroes(const std::byte* begin, const std::byte* end) {
-  return std::count(begin, std::max(begin, end), std::byte{0});
-}
-
-void CopyTransfer(const CF_OPERATION_PARAMETERS::TransferDataArm& arm, std::int64_t bufferSize,
-                  ExecuteCall& call) {
-  call.flags = static_cast<DWORD>(arm.Flags);
-  call.status = arm.CompletionStatus;
-  call.buffer = arm.Buffer;
-  call.offset = arm.Offset.QuadPart;
-  call.length = arm.Length.QuadPart;
-  const auto* bytes = static_cast<const std::byte*>(arm.Buffer);
-  if (bytes != nullptr && call.length > 0) {
-    call.data.assign(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(call.length));
-  }
-  if (bytes != nullptr && bufferSize > 0) {
-    call.zeroBytesAfter = CountZeroes(bytes + call.length, bytes + bufferSize);
-  }
-}
-
-ExecuteCall CopyExecute(const CF_OPERATION_INFO& info, const CF_OPERATION_PARAMETERS& parameters,
-                        std::int64_t bufferSize) {
-  ExecuteCall call{};
-  call.info = info;
-  call.paramSize = parameters.ParamSize;
-  switch (info.Type) {
-    case CF_OPERATION_TYPE_TRANSFER_DATA:
-      CopyTransfer(parameters.TransferData, bufferSize, call);
-      break;
-    case CF_OPERATION_TYPE_ACK_RENAME:
-      call.flags = static_cast<DWORD>(parameters.AckRename.Flags);
-      call.status = parameters.AckRename.CompletionStatus;
-      break;
-    case CF_OPERATION_TYPE_ACK_DELETE:
-      call.flags = static_cast<DWORD>(parameters.AckDelete.Flags);
-      call.status = parameters.AckDelete.CompletionStatus;
-      break;
-    default:
-      throw std::logic_error("an operation that this system never asks for");
-  }
-  return call;
-}
-
-// Writes as much of a record with a trailing blob as fits.
-HRESULT Fill(void* buffer, DWORD length, const void* record, std::size_t fixedSize,
-             const Bytes& blob, DWORD* returned) {
-  Bytes whole(static_cast<const char*>(record), fixedSize);
-  whole += blob;
-  const std::size_t fitting = std::min<std::size_t>(length, whole.size());
-  std::memcpy(buffer, whole.data(), fitting);
-  if (returned != nullptr) {
-    *returned = static_cast<DWORD>(fitting);
-  }
-  return fitting < whole.size() ? kMoreData : S_OK;
-}
-
-HRESULT FillPlaceholder(const PlaceholderFacts& facts, void* buffer, DWORD length,
-                        DWORD* returned) {
-  CF_PLACEHOLDER_STANDARD_INFO info{};
-  info.OnDiskDataSize.QuadPart = facts.onDiskDataSize;
-  info.ValidatedDataSize.QuadPart = facts.validatedDataSize;
-  info.ModifiedDataSize.QuadPart = facts.modifiedDataSize;
-  info.PropertiesSize.QuadPart = facts.propertiesSize;
-  info.PinState = static_cast<CF_PIN_STATE>(facts.pinState);
-  info.InSyncState = static_cast<CF_IN_SYNC_STATE>(facts.inSyncState);
-  info.FileId.QuadPart = facts.fileId;
-  info.SyncRootFileId.QuadPart = facts.syncRootFileId;
-  info.FileIdentityLength =
-      facts.statedIdentityLength.value_or(static_cast<ULONG>(facts.identity.size()));
-  return Fill(buffer, length, &info, offsetof(CF_PLACEHOLDER_STANDARD_INFO, FileIdentity),
-              facts.identity, returned);
-}
-
-void CopyName(const std::wstring& name, WCHAR (&field)[256]) {
-  std::copy_n(name.begin(), std::min<std::size_t>(name.size(), 255), field);
-}
-
-HRESULT FillSyncRoot(const SyncRootFacts& facts, CF_SYNC_ROOT_INFO_CLASS infoClass, void* buffer,
-                     DWORD length, DWORD* returned) {
-  if (infoClass == CF_SYNC_ROOT_INFO_PROVIDER) {
-    CF_SYNC_ROOT_PROVIDER_INFO info{};
-    CopyName(facts.providerName, info.ProviderName);
-    CopyName(facts.providerVersion, info.ProviderVersion);
-    return Fill(buffer, length, &info, sizeof(info), {}, returned);
-  }
-  if (infoClass != CF_SYNC_ROOT_INFO_STANDARD) {
-    return kInvalidParameter;
-  }
-  CF_SYNC_ROOT_STANDARD_INFO info{};
-  CopyName(facts.providerName, info.ProviderName);
-  CopyName(facts.providerVersion, info.ProviderVersion);
-  info.SyncRootIdentityLength =
-      facts.statedIdentityLength.value_or(static_cast<ULONG>(facts.identity.size()));
-  return Fill(buffer, length, &info, offsetof(CF_SYNC_ROOT_STANDARD_INFO, SyncRootIdentity),
-              facts.identity, returned);
-}
 
 }  // namespace
 
@@ -398,36 +251,6 @@ struct RecordingCloud::Table {
 };
 
 RecordingCloud* RecordingCloud::current_ = nullptr;
-
-const char* Name(CloudFunction function) {
-  static constexpr const char* kNames[] = {
-      "CfGetPlatformInfo",
-      "CfRegisterSyncRoot",
-      "CfUnregisterSyncRoot",
-      "CfConnectSyncRoot",
-      "CfDisconnectSyncRoot",
-      "CfGetTransferKey",
-      "CfReleaseTransferKey",
-      "CfExecute",
-      "CfReportProviderProgress",
-      "CfCreatePlaceholders",
-      "CfConvertToPlaceholder",
-      "CfUpdatePlaceholder",
-      "CfRevertPlaceholder",
-      "CfHydratePlaceholder",
-      "CfDehydratePlaceholder",
-      "CfSetPinState",
-      "CfSetInSyncState",
-      "CfGetPlaceholderInfo",
-      "CfGetPlaceholderStateFromFindData",
-      "CfGetSyncRootInfoByPath",
-      "CfReferenceProtectedHandle",
-      "CfGetWin32HandleFromProtectedHandle",
-      "CfReleaseProtectedHandle",
-  };
-  static_assert(std::size(kNames) == std::variant_size_v<CloudCall>);
-  return kNames[static_cast<std::size_t>(function)];
-}
 
 RecordingCloud::RecordingCloud() : table_(Table::Make()) {
   if (current_ != nullptr) {

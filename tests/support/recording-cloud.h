@@ -17,6 +17,7 @@
 #include "common/cloud-files.h"
 #include "tests/support/callback-event.h"
 #include "tests/support/cloud-calls.h"
+#include "tests/support/cloud-facts.h"
 
 namespace nimbra_test {
 
@@ -24,29 +25,6 @@ inline constexpr HRESULT kAccessDenied = static_cast<HRESULT>(0x80070005);
 inline constexpr HRESULT kIoPending = static_cast<HRESULT>(0x800703E5);
 inline constexpr HRESULT kNotACloudFile = static_cast<HRESULT>(0x80070178);
 inline constexpr HRESULT kNotUnderSyncRoot = static_cast<HRESULT>(0x80070186);
-
-// What CfGetPlaceholderInfo tells of an item.
-struct PlaceholderFacts {
-  std::int64_t onDiskDataSize = 0;
-  std::int64_t validatedDataSize = 0;
-  std::int64_t modifiedDataSize = 0;
-  std::int64_t propertiesSize = 0;
-  std::int32_t pinState = 0;
-  std::int32_t inSyncState = 0;
-  std::int64_t fileId = 0;
-  std::int64_t syncRootFileId = 0;
-  Bytes identity = {};
-  // A wrong length of the identity, told instead of the true one.
-  std::optional<ULONG> statedIdentityLength = std::nullopt;
-};
-
-// What CfGetSyncRootInfoByPath tells of a root.
-struct SyncRootFacts {
-  Bytes identity = {};
-  std::wstring providerName = L"CorvaneDrive";
-  std::wstring providerVersion = L"1.1";
-  std::optional<ULONG> statedIdentityLength = std::nullopt;
-};
 
 // Stands in for the whole platform for the object's lifetime: records every call and answers as the
 // test said. Every function succeeds unless told otherwise; where a successful call needs outputs,
