@@ -47,7 +47,8 @@ class Channel : public CallbackSink {
   ~Channel() override { Channel::Close(); }
 
   void Start() {
-    writer_ = std::thread([this] { Write(); });
+    const std::lock_guard lock(mutex_);
+    if (!closed_) writer_ = std::thread([this] { Write(); });
   }
 
   void Send(const wire::CallbackEvent& event) override {

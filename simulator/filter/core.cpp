@@ -181,6 +181,15 @@ void Core::Unmount(const RootPtr& root) {
   dropped = std::move(root->frontEnd);
 }
 
+void Core::Invalidate(const ItemPtr& item) {
+  std::shared_ptr<FrontEnd> frontEnd;
+  {
+    Guard guard(*this);
+    frontEnd = item->root->frontEnd;
+  }
+  if (frontEnd != nullptr) frontEnd->Invalidate(item->record.inode);
+}
+
 void Core::EndConnection(Guard& guard, const RootPtr& root, Hresult why) {
   if (root->connection == nullptr) return;
   hydration.RootGone(guard, *root, why);

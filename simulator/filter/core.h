@@ -65,7 +65,8 @@ struct Connection {
 class FrontEnd {
  public:
   virtual ~FrontEnd() = default;
-  // Drops what the kernel keeps of a file's data. Not to be called under a lock.
+  // Drops what the kernel keeps of a file's data; all of it before this returns, unless a read of
+  // the file is under way. Not to be called under a lock.
   virtual void Invalidate(ino_t inode) = 0;
 };
 
@@ -147,6 +148,9 @@ class Core {
   // Without the lock: mounting makes the kernel ask.
   void Mount(const RootPtr& root);
   void Unmount(const RootPtr& root);
+
+  // Without the lock: drops what the kernel keeps of the item's data.
+  void Invalidate(const ItemPtr& item);
 
   // Ends a connection: what waits for the provider fails with `why`.
   void EndConnection(Guard& guard, const RootPtr& root, Hresult why);

@@ -213,16 +213,20 @@ Hresult ExecuteService::RestartHydration(const wire::Target& target, std::uint32
                                          const std::optional<wire::Metadata>& metadata,
                                          const std::optional<std::string>& identity) {
   Addressed addressed;
+  auto wasFull = false;
   {
     Guard guard(core_);
     if (const auto result = Address(target, addressed)) return result;
+    wasFull = addressed.item->record.full;
     if (addressed.item->root->Hydration() != policy::kHydrationFull) return hr::kNotSupported;
     if ((flags & ~flag::kRestartInSync) != 0 || addressed.item->record.directory ||
         (identity && identity->size() > kMaxFileIdentity) || (metadata && metadata->fileSize < 0)) {
       return hr::kInvalidParameter;
     }
   }
+  // Only of a file that was whole can there be data that the kernel keeps.
   const auto result = Restart(addressed, flags, metadata, identity);
+  if (wasFull) core_.Invalidate(addressed.item);
   Guard guard(core_);
   core_.ProviderAnswered(*addressed.connection);
   if (result == hr::kOk) {

@@ -295,7 +295,9 @@ void FileService::Replaced(FileRef file) {
 }
 
 bool FileService::HardLinkAllowed(FileRef file) {
-  return ItemOf(file) == nullptr || root_->record.policies.hardLink == policy::kHardLinkAllowed;
+  Guard guard(core_);
+  return core_.items.Find(root_, file.reference, file.inode) == nullptr ||
+         root_->record.policies.hardLink == policy::kHardLinkAllowed;
 }
 
 }  // namespace cloud_filter

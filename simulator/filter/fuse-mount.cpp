@@ -15,6 +15,9 @@ namespace {
 
 // None of them ever waits for a provider.
 constexpr int kWorkers = 4;
+// The kernel waits for the reads of a page under way before it drops the page, and such a read can
+// wait for the very provider that asked for this.
+constexpr std::chrono::milliseconds kInvalidationPatience{500};
 
 }  // namespace
 
@@ -90,6 +93,7 @@ bool FuseMount::Mount(std::string& error) {
   const auto fd = fuse_session_fd(session_);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
   for (int i = 0; i < kWorkers; ++i) workers_.emplace_back([this] { Work(); });
+  invalidator_ = std::thread([this] { WorkOnInvalidations(); });
   return true;
 }
 
@@ -108,14 +112,21 @@ void FuseMount::Work() {
 }
 
 FuseMount::~FuseMount() {
-  eventfd_write(stop_.Get(), 1);
-  for (auto& worker : workers_) worker.join();
   if (session_ == nullptr) return;
   {
     Guard guard(core_);
     core_.hydration.RootGone(guard, *root_, hr::kProviderTerminated);
     core_.notifications.RootGone(guard, *root_, hr::kProviderTerminated);
   }
+  {
+    const std::lock_guard lock(invalidationMutex_);
+    ending_ = true;
+    invalidationChanged_.notify_all();
+  }
+  // The kernel may first want answers to reads, so the workers go on meanwhile.
+  if (invalidator_.joinable()) invalidator_.join();
+  eventfd_write(stop_.Get(), 1);
+  for (auto& worker : workers_) worker.join();
   {
     std::unique_lock lock(debtMutex_);
     debtPaid_.wait(lock, [this] { return debts_ == 0; });
@@ -127,9 +138,30 @@ FuseMount::~FuseMount() {
 }
 
 void FuseMount::Invalidate(ino_t inode) {
-  const auto id =
-      inode == rootNode_.inode ? std::optional<fuse_ino_t>(FUSE_ROOT_ID) : nodes_.IdOf(inode);
-  if (id) fuse_lowlevel_notify_inval_inode(session_, *id, 0, 0);
+  std::unique_lock lock(invalidationMutex_);
+  if (ending_) return;
+  invalidations_.push_back(inode);
+  const auto mine = ++invalidationsAsked_;
+  invalidationChanged_.notify_all();
+  invalidationChanged_.wait_for(lock, kInvalidationPatience,
+                                [&] { return invalidationsDone_ >= mine || ending_; });
+}
+
+void FuseMount::WorkOnInvalidations() {
+  std::unique_lock lock(invalidationMutex_);
+  while (true) {
+    invalidationChanged_.wait(lock, [this] { return ending_ || !invalidations_.empty(); });
+    if (invalidations_.empty()) return;
+    const auto inode = invalidations_.front();
+    invalidations_.pop_front();
+    lock.unlock();
+    const auto id =
+        inode == rootNode_.inode ? std::optional<fuse_ino_t>(FUSE_ROOT_ID) : nodes_.IdOf(inode);
+    if (id) fuse_lowlevel_notify_inval_inode(session_, *id, 0, 0);
+    lock.lock();
+    ++invalidationsDone_;
+    invalidationChanged_.notify_all();
+  }
 }
 
 Node& FuseMount::NodeOf(fuse_ino_t id) {

@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -80,6 +81,7 @@ class FuseMount : public FrontEnd {
   FuseMount(Core& core, const RootPtr& root);
   bool Mount(std::string& error);
   void Work();
+  void WorkOnInvalidations();
 
   Core& core_;
   RootPtr root_;
@@ -92,6 +94,13 @@ class FuseMount : public FrontEnd {
   std::mutex debtMutex_;
   std::condition_variable debtPaid_;
   int debts_ = 0;
+  std::mutex invalidationMutex_;
+  std::condition_variable invalidationChanged_;
+  std::deque<ino_t> invalidations_;
+  std::uint64_t invalidationsAsked_ = 0;
+  std::uint64_t invalidationsDone_ = 0;
+  bool ending_ = false;
+  std::thread invalidator_;
 };
 
 // The kernel's requests; the session's user data is the mount.

@@ -142,7 +142,11 @@ std::int64_t ItemTable::TransferKeyOf(const ItemPtr& item) {
     // Keys of an earlier life of this process are not to be mistaken for ours.
     if (nextKey_ == 0) nextKey_ = std::chrono::system_clock::now().time_since_epoch().count() | 1;
     item->transferKey = nextKey_++;
-    keys_[item->transferKey] = item;
+    if (item->deleted) {
+      unlinkedKeys_[item->transferKey] = item;
+    } else {
+      keys_[item->transferKey] = item;
+    }
   }
   return item->transferKey;
 }

@@ -33,7 +33,13 @@ bool IsDirectory(const wire::CreateEntry& entry) {
   return (entry.metadata.attributes & attribute::kDirectory) != 0;
 }
 
-ItemRecord RecordOf(const wire::CreateEntry& entry, const Root& root, PinState parentPin) {
+// What new items take from where they come to be.
+struct Surroundings {
+  PinState parentPin = PinState::kUnspecified;
+  bool alwaysPopulated = false;
+};
+
+ItemRecord RecordOf(const wire::CreateEntry& entry, const Surroundings& surroundings) {
   ItemRecord record;
   record.directory = IsDirectory(entry);
   record.identity = entry.identity;
@@ -43,11 +49,10 @@ ItemRecord RecordOf(const wire::CreateEntry& entry, const Root& root, PinState p
   record.attributes = entry.metadata.attributes & attribute::kKept;
   record.inSync = (entry.flags & flag::kCreateInSync) != 0;
   record.alwaysFull = (entry.flags & flag::kCreateAlwaysFull) != 0;
-  record.populated = (entry.flags & flag::kCreatePopulated) != 0 ||
-                     root.record.policies.populationPrimary == policy::kPopulationAlwaysFull;
+  record.populated = (entry.flags & flag::kCreatePopulated) != 0 || surroundings.alwaysPopulated;
   record.full = record.directory || entry.metadata.fileSize == 0;
   // Inferred: the inheritance table holds for new items too.
-  record.pin = InheritedPin(PinState::kUnspecified, parentPin, record.directory);
+  record.pin = InheritedPin(PinState::kUnspecified, surroundings.parentPin, record.directory);
   return record;
 }
 
@@ -136,10 +141,10 @@ void PlaceholderService::Refresh(int folder, FolderNames& names) {
 class PlaceholderService::Batch {
  public:
   Batch(Core& core, const Located& folder, FolderNames& names)
-      : core_(core), folder_(folder), names_(names), prepared_() {}
+      : core_(core), folder_(folder), names_(names) {}
 
   // False when the entry failed.
-  bool Add(const wire::CreateEntry& entry, CreateResult& result, PinState parentPin) {
+  bool Add(const wire::CreateEntry& entry, CreateResult& result, const Surroundings& surroundings) {
     result.result = CheckEntry(entry);
     if (result.result != hr::kOk) return false;
     const auto supersedes = (entry.flags & flag::kCreateSupersede) != 0;
@@ -151,7 +156,7 @@ class PlaceholderService::Batch {
     Prepared prepared;
     prepared.entry = &entry;
     prepared.result = &result;
-    prepared.record = RecordOf(entry, *folder_.root, parentPin);
+    prepared.record = RecordOf(entry, surroundings);
     result.result = HresultOfErrno(MakeFile(folder_.reference.Get(), entry, prepared));
     if (result.result != hr::kOk) return false;
     names_.names.insert(FoldCase(entry.relativeName));
@@ -200,7 +205,7 @@ Hresult PlaceholderService::Create(const std::string& folder, std::uint32_t flag
   results.assign(entries.size(), {});
   if ((flags & ~flag::kStopOnError) != 0) return hr::kInvalidParameter;
   Located located;
-  auto parentPin = PinState::kUnspecified;
+  Surroundings surroundings;
   {
     Guard guard(core_);
     if (const auto result = core_.Locate(guard, {folder, 0}, located)) {
@@ -209,14 +214,16 @@ Hresult PlaceholderService::Create(const std::string& folder, std::uint32_t flag
     if (!located.facts.IsDirectory()) return hr::kNotADirectory;
     if (located.root->Hydration() == policy::kHydrationAlwaysFull) return hr::kNotSupported;
     if (!MayWrite(located.reference.Get())) return hr::kAccessDenied;
-    if (located.item != nullptr) parentPin = located.item->record.pin;
+    if (located.item != nullptr) surroundings.parentPin = located.item->record.pin;
+    surroundings.alwaysPopulated =
+        located.root->record.policies.populationPrimary == policy::kPopulationAlwaysFull;
   }
   const std::lock_guard oneAtATime(creating_);
   Batch batch(core_, located, NamesOf(located.reference.Get(), located.facts));
   const auto stops = (flags & flag::kStopOnError) != 0;
   for (std::size_t i = 0; i < entries.size(); ++i) {
     ++processed;
-    const auto good = batch.Add(entries[i], results[i], parentPin);
+    const auto good = batch.Add(entries[i], results[i], surroundings);
     if (!good && stops) break;
     if (batch.IsFull() && !batch.Flush() && stops) break;
   }

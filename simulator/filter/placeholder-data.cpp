@@ -49,15 +49,6 @@ Hresult CheckDehydration(const Item& item, bool becomesInSync) {
   return hr::kOk;
 }
 
-void PlaceholderService::Invalidate(const ItemPtr& item) {
-  std::shared_ptr<FrontEnd> frontEnd;
-  {
-    Guard guard(core_);
-    frontEnd = item->root->frontEnd;
-  }
-  if (frontEnd != nullptr) frontEnd->Invalidate(item->record.inode);
-}
-
 Hresult PlaceholderService::WaitUntilUnused(Guard& guard, const ItemPtr& item) {
   // The caller's own handle counts as one. A program's close reaches the filter a little later.
   const auto unused = [&] { return item->Opens() <= 1 && item->job == nullptr; };
@@ -91,7 +82,7 @@ Hresult PlaceholderService::DropData(const ItemPtr& item, const std::vector<Rang
       if (const auto error = PunchHole(file.Get(), range)) return HresultOfErrno(error);
     }
   }
-  Invalidate(item);
+  core_.Invalidate(item);
   return hr::kOk;
 }
 
@@ -190,10 +181,7 @@ Hresult PlaceholderService::Hydrate(const wire::ItemRef& ref, std::int64_t offse
     // Documented: files only. Guessed: the code.
     if (located.item->record.directory) return hr::kNotSupported;
   }
-  const auto result =
-      HydrateItem(located.item, RangeFrom(offset, length, located.facts.size), gone);
-  if (result == hr::kOk) Invalidate(located.item);
-  return result;
+  return HydrateItem(located.item, RangeFrom(offset, length, located.facts.size), gone);
 }
 
 }  // namespace cloud_filter

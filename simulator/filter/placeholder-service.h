@@ -88,7 +88,6 @@ class PlaceholderService {
   Hresult ApplyUpdate(const ItemPtr& item, const Update& update, const std::vector<Range>& ranges);
   Hresult SetPin(Guard& guard, const RootPtr& root, int reference, const FileFacts& facts,
                  PinState pin, PinState parent);
-  void Invalidate(const ItemPtr& item);
 
   Core& core_;
   std::mutex creating_;

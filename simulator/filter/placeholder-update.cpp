@@ -68,12 +68,13 @@ Hresult PlaceholderService::UpdateItem(const wire::ItemRef& ref, const Update& u
                                        std::int64_t& usn) {
   Located located;
   std::vector<Range> ranges;
+  auto resizes = false;
   {
     Guard guard(core_);
     if (const auto result = core_.LocateItem(guard, ref, located)) return result;
     if (const auto result = CheckUpdate(located, update, ranges)) return result;
-    const auto resizes = update.metadata && !located.item->record.directory &&
-                         update.metadata->fileSize != located.facts.size;
+    resizes = update.metadata && !located.item->record.directory &&
+              update.metadata->fileSize != located.facts.size;
     if (!ranges.empty()) {
       if (const auto result = WaitUntilUnused(guard, located.item)) return result;
     } else if (resizes && located.item->job != nullptr) {
@@ -81,7 +82,7 @@ Hresult PlaceholderService::UpdateItem(const wire::ItemRef& ref, const Update& u
     }
   }
   if (const auto result = ApplyUpdate(located.item, update, ranges)) return result;
-  Invalidate(located.item);
+  if (resizes || !ranges.empty()) core_.Invalidate(located.item);
   Guard guard(core_);
   usn = located.item->record.usn;
   return hr::kOk;

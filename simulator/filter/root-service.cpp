@@ -45,6 +45,15 @@ Hresult Validate(const Registration& registration) {
   return good ? hr::kOk : hr::kInvalidParameter;
 }
 
+void Describe(RootRecord& record, const Registration& registration) {
+  record.providerName = registration.providerName;
+  record.providerVersion = registration.providerVersion;
+  record.identity = registration.identity;
+  record.providerId = registration.providerId;
+  record.policies = registration.policies;
+  record.flags = registration.flags;
+}
+
 bool Overlap(const std::string& one, const std::string& other) {
   const auto under = [](const std::string& path, const std::string& top) {
     return path.starts_with(top == "/" ? top : top + "/");
@@ -96,12 +105,7 @@ Hresult RootService::AddRoot(Guard& guard, const std::string& path,
   }
   root = std::make_shared<Root>();
   root->record.path = path;
-  root->record.providerName = registration.providerName;
-  root->record.providerVersion = registration.providerVersion;
-  root->record.identity = registration.identity;
-  root->record.providerId = registration.providerId;
-  root->record.policies = registration.policies;
-  root->record.flags = registration.flags;
+  Describe(root->record, registration);
   if (const auto result = core_.OpenRoot(root)) return result;
   if (!MayWrite(root->folder.Get())) return hr::kAccessDenied;
   core_.store.SaveRoot(root->record);
@@ -132,14 +136,10 @@ Hresult RootService::UpdateRegistration(Guard& guard, const RootPtr& root,
                                         const Registration& registration) {
   if (!MayWrite(root->folder.Get())) return hr::kAccessDenied;
   auto record = root->record;
-  record.providerName = registration.providerName;
-  record.providerVersion = registration.providerVersion;
-  record.identity = registration.identity;
-  record.providerId = registration.providerId;
-  record.policies = registration.policies;
-  record.flags = registration.flags;
+  Describe(record, registration);
   core_.store.SaveRoot(record);
-  root->record = std::move(record);
+  // The path stays as it is: the mount reads it without the lock.
+  Describe(root->record, registration);
   SaveRootItem(guard, root, registration);
   return hr::kOk;
 }

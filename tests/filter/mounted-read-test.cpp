@@ -228,6 +228,39 @@ TEST_F(Reading, DocumentedTheProvidersOwnReadIsRefusedWhenItAskedForThat) {
   EXPECT_EQ(ErrorOfReading(root / "a"), 0);
 }
 
+TEST_F(Reading, WhileAReaderWaitsOthersOpenAndQueryTheFile) {
+  auto reader = std::async(std::launch::async, [this] { return ReadWhole(root / "a"); });
+  const auto fetch = NextFetch();
+  auto others = std::async(std::launch::async, [this] {
+    const UniqueFd file(open(Path("a").c_str(), O_RDWR | O_CLOEXEC));
+    return file && std::filesystem::file_size(root / "a") == static_cast<std::uintmax_t>(kSize);
+  });
+  ASSERT_EQ(others.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_TRUE(others.get());
+  UpdateOptions options;
+  options.identity = "changed meanwhile";
+  EXPECT_RESULT(api->Update(Path("a"), options), hr::kOk);
+  options.metadata = wire::Metadata{};
+  options.metadata->fileSize = 10;
+  EXPECT_RESULT(api->Update(Path("a"), options), hr::kInUse);  // guessed
+  EXPECT_RESULT(Answer(fetch), hr::kOk);
+  EXPECT_EQ(reader.get(), ContentOf("a", kSize));
+}
+
+TEST_F(Reading, ARestartDropsWhatTheKernelKeeps) {
+  ServeAll();
+  const UniqueFd file(open(Path("a").c_str(), O_RDONLY | O_CLOEXEC));
+  std::string page(4096, '\0');
+  ASSERT_EQ(pread(file.Get(), page.data(), page.size(), 0), 4096);
+  EXPECT_EQ(page, ContentOf("a", kSize).substr(0, 4096));
+  std::int64_t key = 0;
+  ASSERT_RESULT(api->GetTransferKey(Path("a"), key), hr::kOk);
+  provider->Serve([](const std::string&) { return ContentOf("second", kSize); });
+  ASSERT_RESULT(api->Restart({provider->Key(), key, 0}, std::nullopt, "second"), hr::kOk);
+  ASSERT_EQ(pread(file.Get(), page.data(), page.size(), 0), 4096);
+  EXPECT_EQ(page, ContentOf("second", kSize).substr(0, 4096));
+}
+
 TEST_F(Reading, ExplicitHydrationServesWaitingReadersToo) {
   auto reader = std::async(std::launch::async, [this] { return ReadWhole(root / "a"); });
   const auto fetch = NextFetch();
