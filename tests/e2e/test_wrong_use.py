@@ -23,6 +23,9 @@ class WrongUse(EndToEndCase):
         self.assertTrue(lines[0].startswith(SOURCE), lines)
         self.assertTrue(lines[0].endswith(f") | {ending}\r\n"), lines)
 
+    def root_in(self, path):
+        return SyncRoot.in_new_folder(self.provider, path, self.new_session())
+
     def test_an_unregistered_folder_cannot_be_connected(self):
         root = self.new_root(up=False)
         since = self.provider.mark()
@@ -57,14 +60,14 @@ class WrongUse(EndToEndCase):
 
     def test_a_root_inside_a_root_is_refused(self):
         outer = self.new_root()
-        inner = SyncRoot(self.provider, outer.path, "inner", outer.session + 1000)
+        inner = self.root_in(outer.path / "inner")
         result = inner.status("register")
         self.assertLess(result, 0)
         self.assertIn(f"Failed to register sync root {result}", self.provider.log_lines()[-1])
 
     def test_a_root_around_a_root_is_refused(self):
-        outer = SyncRoot(self.provider, self.folder, "outer-of-root", os.getpid() * 100 + 98)
-        inner = SyncRoot(self.provider, outer.path, "inner", os.getpid() * 100 + 97)
+        outer = self.root_in(self.folder / "outer")
+        inner = self.root_in(outer.path / "inner")
         inner.bring_up()
         self.addCleanup(self._take_down, inner)
         self.assertLess(outer.status("register"), 0)
@@ -73,9 +76,7 @@ class WrongUse(EndToEndCase):
         root = self.new_root()
         data = root.create("a.bin", 5000)
         since = self.provider.mark()
-        second = SyncRoot.__new__(SyncRoot)
-        second.__dict__.update(root.__dict__, name=f"{root.name} again")
-        second.attach(self.provider)
+        second = SyncRoot(self.provider, root.path, root.session, name="second")
         self.assert_status(second.status("connect"), ALREADY_CONNECTED)
         self.assert_one_line(
             since,
@@ -146,10 +147,10 @@ class FullDisk(EndToEndCase):
         self.addCleanup(subprocess.run, ["umount", "-l", str(self.disk)], timeout=10)
 
     def test_a_file_that_does_not_fit_fails_and_others_are_still_served(self):
-        root = SyncRoot(self.provider, self.disk, "root", os.getpid() * 100 + 99)
-        root.source = self.folder / "source"
-        root.source.mkdir()
-        root.serve(source=dos_path(root.source), pieceSize=1 << 20)
+        root = SyncRoot.in_new_folder(
+            self.provider, self.disk / "root", self.new_session(), source=self.folder / "source"
+        )
+        root.serve(pieceSize=1 << 20)
         root.bring_up()
         self.addCleanup(self._take_down, root)
         small = root.create("small.bin", 100_000)

@@ -112,14 +112,17 @@ class EndToEndCase(unittest.TestCase):
 
     def new_root(self, name=None, provider=None, up=True):
         """A sync root of this test's own, registered and connected."""
-        number = next(self._sessions)
         name = name or re.sub(r"\W+", "-", self._testMethodName)[:60]
-        # Distinct among test classes that run side by side.
-        root = SyncRoot(provider or self.provider, self.folder, name, os.getpid() * 100 + number)
+        root = SyncRoot.in_new_folder(
+            provider or self.provider, self.folder / name, self.new_session()
+        )
         if up:
             root.bring_up()
             self.addCleanup(self._take_down, root)
         return root
+
+    def new_session(self):
+        return next(self._sessions)
 
     def _take_down(self, root):
         if root.provider.process.poll() is None:

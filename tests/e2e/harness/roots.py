@@ -7,15 +7,20 @@ from .wine import client_path, dos_path
 
 
 class SyncRoot:
-    def __init__(self, provider, folder, name, session):
-        self.provider = provider
-        self.name = name
+    """`name` is what the client calls it; the source is made when there is none yet."""
+
+    def __init__(self, provider, path, session, name=None, source=None):
+        self.name = name or path.name
         self.session = session
-        self.path = folder / name
-        self.source = folder / f"{name} source"
-        self.path.mkdir(parents=True)
-        self.source.mkdir()
+        self.path = path
+        self.source = source or path.with_name(f"{path.name} source")
+        self.source.mkdir(exist_ok=True)
         self.attach(provider)
+
+    @classmethod
+    def in_new_folder(cls, provider, path, session, source=None):
+        path.mkdir()
+        return cls(provider, path, session, source=source)
 
     def attach(self, provider):
         """Makes the sync root object, in this or in a restarted client."""
