@@ -21,6 +21,8 @@ template <typename... Pieces>
 void Log(const char* source, int line, const Pieces&... pieces) {
   const DWORD lastError = GetLastError();
   std::ostringstream text;
+  // A stream swallows an exhausted memory unless told otherwise, and a cut line would go out.
+  text.exceptions(std::ios_base::badbit);
   text.imbue(std::locale::classic());
   text << source << " (" << line << ") | ";
   (text << ... << pieces);

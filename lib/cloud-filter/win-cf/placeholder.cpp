@@ -5,7 +5,7 @@
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
 #include "common/text.h"
-#include "win-cf/pending-hydrations.h"
+#include "win-cf/pending-requests.h"
 #include "win-cf/placeholder-info.h"
 
 namespace corvdrive::cloud_filter {
@@ -223,14 +223,14 @@ bool PlaceholderWinCF::HydrateWhole(bool async, int sizeFailedLine) {
 }
 
 bool PlaceholderWinCF::HydrateRange(std::int64_t offset, std::int64_t length, bool async) {
-  OVERLAPPED* const record = async ? PendingHydrations::Instance().Add() : nullptr;
+  OVERLAPPED* const record = async ? PendingRequests::Instance().Add() : nullptr;
   const HRESULT result = Cloud().CfHydratePlaceholder(
       handle.Get(), ToLargeInteger(offset), ToLargeInteger(length), CF_HYDRATE_FLAG_NONE, record);
   if (record != nullptr) {
     if (result == kIoPending) {
-      PendingHydrations::Instance().LeavePending(record);
+      PendingRequests::Instance().LeavePending(record);
     } else {
-      PendingHydrations::Instance().Remove(record);
+      PendingRequests::Instance().Remove(record);
     }
   }
   if (SucceededOrPending(result)) {
@@ -241,14 +241,20 @@ bool PlaceholderWinCF::HydrateRange(std::int64_t offset, std::int64_t length, bo
 }
 
 bool PlaceholderWinCF::Dehydrate(std::int64_t offset, std::int64_t length) {
+  PendingRequests& requests = PendingRequests::Instance();
+  OVERLAPPED* const record = requests.Add();
   const ProtectedHandleReference reference(handle.Get());
-  OVERLAPPED overlapped{};
   const HRESULT result =
       Cloud().CfDehydratePlaceholder(reference.Win32Handle(), ToLargeInteger(offset),
-                                     ToLargeInteger(length), CF_DEHYDRATE_FLAG_NONE, &overlapped);
+                                     ToLargeInteger(length), CF_DEHYDRATE_FLAG_NONE, record);
   if (SucceededOrPending(result)) {
     DWORD transferred = 0;
-    GetOverlappedResult(handle.Get(), &overlapped, &transferred, TRUE);
+    GetOverlappedResult(handle.Get(), record, &transferred, TRUE);
+    // Without an event the wait is for the file, which another request on it can end early: then
+    // the platform still writes into the record.
+    requests.Settle(record);
+  } else {
+    requests.Remove(record);
   }
   return false;
 }

@@ -50,7 +50,9 @@ CORVWinCFStatus CORVWinCFIsPlaceholderByFindData(const struct _WIN32_FIND_DATAW*
   }
   return Guarded(kFailed, [&] {
     const CF_PLACEHOLDER_STATE state = Cloud().CfGetPlaceholderStateFromFindData(findData);
-    return ToStatus((state & CF_PLACEHOLDER_STATE_PLACEHOLDER) != 0);
+    // "Invalid" is all bits set.
+    return ToStatus(state != CF_PLACEHOLDER_STATE_INVALID &&
+                    (state & CF_PLACEHOLDER_STATE_PLACEHOLDER) != 0);
   });
 }
 
@@ -103,6 +105,10 @@ CORVWinCFStatus CORVWinCFPlaceholderUpdate(CORVWinCFPlaceholderHandle handle, co
     // Shared for the call, so that a release of the metadata handle meanwhile does no harm.
     auto metadata = MetaOf(meta);
     if (metadata == nullptr) {
+      if (meta != nullptr) {
+        // Not one of ours: taking it for none would empty the file.
+        return false;
+      }
       metadata = std::make_shared<PlaceholderMetaWinCF>();
       metadata->isEmpty = true;
     }

@@ -1,5 +1,5 @@
-#ifndef NIMBRA_WIN_CF_PENDING_HYDRATIONS_H_
-#define NIMBRA_WIN_CF_PENDING_HYDRATIONS_H_
+#ifndef NIMBRA_WIN_CF_PENDING_REQUESTS_H_
+#define NIMBRA_WIN_CF_PENDING_REQUESTS_H_
 
 #include <windows.h>
 
@@ -8,18 +8,20 @@
 
 namespace corvdrive::cloud_filter {
 
-// Keeps the records of hydrations that nobody waits for. The platform writes into a record when its
-// request completes, at any time and whatever became of the placeholder object by then, so a record
-// belongs to the process and goes only once its request is seen to be complete.
-class PendingHydrations {
+// Keeps the records of requests that may outlast the call that made them. The platform writes into
+// a record when its request completes, at any time and whatever became of the placeholder object by
+// then, so a record belongs to the process and goes only once its request is seen to be complete.
+class PendingRequests {
  public:
   // The process's own; it is never destroyed, as requests may complete during shutdown.
-  static PendingHydrations& Instance();
+  static PendingRequests& Instance();
 
   // A zeroed record for a new request. Frees the records of requests that completed meanwhile.
   OVERLAPPED* Add();
   // The platform goes on with this record by itself.
   void LeavePending(const OVERLAPPED* record);
+  // The request was waited for: frees the record unless the platform still holds it.
+  void Settle(OVERLAPPED* record);
   // The request of this record is over: frees the record.
   void Remove(const OVERLAPPED* record);
 

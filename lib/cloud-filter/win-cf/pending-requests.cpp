@@ -1,4 +1,4 @@
-#include "win-cf/pending-hydrations.h"
+#include "win-cf/pending-requests.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,25 +14,33 @@ bool IsComplete(OVERLAPPED& record) {
 
 }  // namespace
 
-PendingHydrations& PendingHydrations::Instance() {
-  static PendingHydrations& instance = *new PendingHydrations;
+PendingRequests& PendingRequests::Instance() {
+  static PendingRequests& instance = *new PendingRequests;
   return instance;
 }
 
-OVERLAPPED* PendingHydrations::Add() {
+OVERLAPPED* PendingRequests::Add() {
   const std::lock_guard lock(mutex_);
   entries_.remove_if([](Entry& entry) { return entry.pending && IsComplete(entry.record); });
   return &entries_.emplace_back().record;
 }
 
-void PendingHydrations::LeavePending(const OVERLAPPED* record) {
+void PendingRequests::LeavePending(const OVERLAPPED* record) {
   const std::lock_guard lock(mutex_);
   const auto found = std::find_if(entries_.begin(), entries_.end(),
                                   [record](const Entry& entry) { return &entry.record == record; });
   found->pending = true;
 }
 
-void PendingHydrations::Remove(const OVERLAPPED* record) {
+void PendingRequests::Settle(OVERLAPPED* record) {
+  if (IsComplete(*record)) {
+    Remove(record);
+  } else {
+    LeavePending(record);
+  }
+}
+
+void PendingRequests::Remove(const OVERLAPPED* record) {
   const std::lock_guard lock(mutex_);
   entries_.remove_if([record](const Entry& entry) { return &entry.record == record; });
 }
