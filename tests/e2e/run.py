@@ -3,6 +3,10 @@
 
     run.py --daemon build/linux-release/bin/cloud-filterd \\
            --file build/mingw-release/bin/Nimbra.dll --file ... test_hydration.Sizes
+
+NIMBRA_WORK        where the Wine prefixes are made and the tests work (the folder for temporary files)
+NIMBRA_NO_FUSE=1   skip, rather than fail, what needs /dev/fuse
+NIMBRA_KEEP_E2E=1  leave each class's folder, with the logs of its programs, behind
 """
 
 import argparse

@@ -250,6 +250,10 @@ class Crashes(EndToEndCase):
                 self.assertEqual(root.bytes_on_disk(name), on_disk[name], name)
         for name, data in files.items():
             self.assert_content(root, name, data)
+        # What had arrived before the filter died is not asked for again.
+        offset, length = self.fetched_ranges(root, "file-7.bin")[0]
+        self.assertGreaterEqual(offset, 64 << 10)
+        self.assertEqual(offset + length, len(files["file-7.bin"]))
 
     def test_filters_killed_at_random_points_never_spoil_a_file(self):
         root = self.new_root(provider=self.start_provider())

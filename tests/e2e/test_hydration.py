@@ -292,3 +292,51 @@ class Crowds(EndToEndCase):
         sums = {reader.communicate(timeout=20)[0].split()[0].decode() for reader in readers}
         self.assertEqual(sums, {hashlib.sha256(data).hexdigest()})
         self.assertEqual(self.fetched_ranges(root, "wanted.bin"), [(0, 500_000)])
+
+
+class CappedFetches(EndToEndCase):
+    """A filter that asks for no more than 1 MiB at a time."""
+
+    daemon_options = ("--fetch-cap", MIB)
+
+    def test_a_big_file_is_asked_for_piece_by_piece(self):
+        root = self.new_root()
+        data = root.create("big.bin", 3 * MIB + 5)
+        self.assert_content(root, "big.bin", data)
+        expected = [(0, MIB), (MIB, MIB), (2 * MIB, MIB), (3 * MIB, 5)]
+        self.assertEqual(sorted(self.fetched_ranges(root, "big.bin")), expected)
+
+    def test_an_explicit_hydration_brings_all_pieces_before_it_returns(self):
+        root = self.new_root()
+        data = root.create("big.bin", 2 * MIB + 5)
+        self.assertEqual(root.item_status("hydrate", "big.bin"), 0)
+        self.assert_hydrated(root, "big.bin", len(data))
+        self.assert_content(root, "big.bin", data)
+
+
+class WithoutMount(EndToEndCase):
+    """A filter that may not mount: data comes when the client has it brought, not on a read."""
+
+    daemon_options = ("--no-mount",)
+    needs_fuse = False
+
+    def test_explicit_hydration_and_dehydration_work(self):
+        root = self.new_root()
+        data = root.create("a.bin", 100_000)
+        self.assert_online_only(root, "a.bin")
+        self.assertEqual(root.item_status("hydrate", "a.bin"), 0)
+        self.assert_hydrated(root, "a.bin", len(data))
+        self.assert_content(root, "a.bin", data)
+        self.assertEqual(root.item_status("dehydrateAll", "a.bin"), 0)
+        self.assert_online_only(root, "a.bin")
+
+    def test_a_proactive_transfer_works(self):
+        root = self.new_root()
+        data = root.create("a.bin", 5 * MIB)
+        status = root.status(
+            "proactiveTransfer",
+            path=client_path(root.path / "a.bin"),
+            **{"from": dos_path(root.source / "a.bin")},
+        )
+        self.assertEqual(status, 0)
+        self.assert_content(root, "a.bin", data)

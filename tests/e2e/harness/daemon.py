@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import signal
+import stat
 import subprocess
 
 from .settings import SETTINGS
@@ -79,9 +80,12 @@ class FilterDaemon:
 
 
 def fuse_is_usable():
+    """Whether the kernel lets this user have files of its own making."""
     try:
-        os.close(os.open("/dev/fuse", os.O_RDWR))
-        return True
+        device = os.open("/dev/fuse", os.O_RDWR)
+        is_device = stat.S_ISCHR(os.fstat(device).st_mode)
+        os.close(device)
+        return is_device
     except OSError:
         return False
 
