@@ -1,199 +1,499 @@
 // mirror: shows a folder as files that take no room until a program opens them.
 
-#include "actions.h"
-#include "provider.h"
+#include <io.h>
+#include <nimbra/nimbra.h>
+#include <windows.h>
 
-namespace mirror {
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
 namespace {
 
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
 constexpr char kHelp[] = R"(
-  mirror [options] <source folder> <sync root>   show the source's files in the sync root: they
-                                                 take no room until a program opens them
+  mirror [options] <source folder> <sync root>   show the source's files in the sync root
   mirror <action> <file or folder>               act on what lies in a sync root, and exit
+  --session N        the root's number, 0 to 2147483647 (default 1)
+  --rate N           slow each transfer down to N megabytes a second
+  --stop-file PATH   stop as soon as this file exists; without it, serve until Ctrl+C
+  --state            show for every item what is on disk, pinned, in sync, and its identity
+  --hydrate-all      fetch all of it now
+  --dehydrate        give the room back
+  --pin, --unpin     keep on this device, or no longer
+  --unregister       make the sync root a normal folder again; what is not on disk disappears
 
-Options
-  --session N         the root's number, 0 to 2147483647 (default 1)
-  --rate N            slow each transfer down to N megabytes a second
-  --timeout N         stop after N seconds; without it, serve until Ctrl+C
-  --stop-file PATH    stop as soon as this file exists
-  --until-eof         stop at the end of standard input
-Actions
-  --state             show for every item what is on disk, pinned, in sync, and its identity
-  --hydrate-all       fetch all of it now
-  --dehydrate         give the room back
-  --pin, --unpin      keep on this device, or no longer
-  --exclude           keep out of synchronisation
-  --unregister        make the sync root a normal folder again; what is not on disk disappears
-
-  mirror C:\Photos C:\Cloud
   mirror --session 7 --rate 2 C:\Photos C:\Cloud
   mirror --hydrate-all C:\Cloud\2024
 
-The source is only read: what is renamed or deleted in the sync root comes back with the next start.
-)";
+The source is only read: what is renamed or deleted in the sync root is back at the next start.)";
 
-std::atomic<bool> stopRequested = false, finished = false;
-
-struct Options {
-  std::string action, session = "1", rate = "0", timeout = "0", stopFile;
-  std::vector<fs::path> paths;
-  bool untilEof = false;
-};
-
-double NumberOf(const std::string& name, const std::string& text, double most) {
-  char* end = nullptr;
-  const double number = std::strtod(text.c_str(), &end);
-  if (!text.empty() && *end == 0 && number >= 0 && number <= most) return number;
-  throw Usage(name + " takes a number from 0 to " + Number(most, 0));
+fs::path Path(std::string_view text) { return std::u8string(text.begin(), text.end()); }
+std::string Utf8(const fs::path& path) {
+  const auto text = path.u8string();
+  return {text.begin(), text.end()};
 }
 
-Options Parse(const std::vector<std::string>& arguments) {
-  Options options;
-  const std::map<std::string_view, std::string*> values{{"--session", &options.session},
-                                                        {"--rate", &options.rate},
-                                                        {"--timeout", &options.timeout},
-                                                        {"--stop-file", &options.stopFile}};
-  for (auto at = arguments.begin(); at != arguments.end(); ++at) {
-    if (const auto value = values.find(*at); value != values.end()) {
-      if (++at == arguments.end()) throw Usage(std::string(value->first) + " needs a value");
-      *value->second = *at;
-    } else if (*at == "--until-eof") {
-      options.untilEof = true;
-    } else if (!at->starts_with("--")) {
-      const auto path = fs::absolute(Path(*at)).lexically_normal().make_preferred();
-      options.paths.push_back(path.has_filename() ? path : path.parent_path());
-    } else if (!std::exchange(options.action, *at).empty()) {
-      throw Usage("one action at a time");
+// Prints a line. One that does not stay, on a terminal, gives way to the next.
+void Print(const std::string& text, bool stays = true) {
+  static std::mutex mutex;
+  static int width = 0;  // of what is to be overwritten
+  const std::lock_guard lock(mutex);
+  std::printf("%s%-*s%s", width > 0 ? "\r" : "", width, text.c_str(), stays ? "\n" : "");
+  std::fflush(stdout);
+  width = stays ? 0 : static_cast<int>(text.size());
+}
+
+// What went wrong, with what, and what to do about it.
+struct Failure : std::runtime_error {
+  Failure(const std::string& what, const std::string& advice, int exitCode = 1)
+      : std::runtime_error(what + "\n  " + advice), code(exitCode) {}
+  int code;
+};
+Failure Usage(const std::string& what) { return {what, "mirror --help shows how to use it", 2}; }
+
+// A platform result with the system's words for it.
+std::string ResultText(CORVWinCFHresult result) {
+  char code[16];
+  std::snprintf(code, sizeof code, " (0x%08X: ", static_cast<unsigned>(result));
+  return code + std::system_category().message(result & 0xFFFF) + ")";
+}
+
+void Require(CORVWinCFHresult result, const std::string& what) {
+  static const std::map<unsigned, const char*> advice{
+      {0x80040151, "registering writes to the machine's registry: run it once as administrator"},
+      {0x80070005, "choose a folder that you may write to"},
+      {0x8007017A, "another program serves this sync root: stop it first"},
+      {0x80070186, "it may lie inside a sync root: name the root itself"}};
+  if (result >= 0) return;
+  const auto known = advice.find(static_cast<unsigned>(result));
+  throw Failure(what + ResultText(result),
+                known != advice.end() ? known->second : "the debugger output may say more");
+}
+
+template <class T>
+using Owner = std::unique_ptr<T, void (*)(T*)>;  // of a handle and of what gives it back
+
+auto NewSyncRoot(const fs::path& root, std::uint64_t session) {
+  CORVWinCFSyncRootHandle handle = nullptr;
+  if (CORVWinCFSyncRootNew(&handle, Utf8(root).c_str(), session) != 0) throw std::bad_alloc();
+  const auto release = [](auto* it) { CORVWinCFSyncRootRelease(&it); };
+  return Owner<CORVWinCFSyncRootHandleRecord>(handle, release);
+}
+
+// A placeholder's name is what follows the last "/" of its path.
+auto NewPlaceholder(const fs::path& path) {
+  CORVWinCFPlaceholderHandle handle = nullptr;
+  const auto name = Utf8(path.generic_wstring());
+  if (CORVWinCFPlaceholderNew(&handle, name.c_str()) != 0) throw std::bad_alloc();
+  return Owner<CORVWinCFPlaceholderHandleRecord>(handle, CORVWinCFPlaceholderRelease);
+}
+
+// All that lies below a folder, folders before their contents; links are not followed.
+void Walk(const fs::path& top, const auto& visit) {
+  for (fs::recursive_directory_iterator at(top), end; at != end; ++at) {
+    WIN32_FILE_ATTRIBUTE_DATA found{};
+    if (!GetFileAttributesExW(at->path().c_str(), GetFileExInfoStandard, &found)) continue;
+    if (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) at.disable_recursion_pending();
+    visit(at->path(), found);
+  }
+}
+
+// Serves a sync root from another folder: what a client of Nimbra does while it is connected.
+class Provider {
+ public:
+  // Connects the sync root. `rate` is in bytes a second, for each transfer; 0: as fast as it goes.
+  Provider(const fs::path& source, const fs::path& root, std::uint64_t session, double rate)
+      : source_(source), root_(root), rate_(rate), syncRoot_(NewSyncRoot(root, session)) {
+    CORVWinCFCallbackDelegatorHandle handle = nullptr;
+    if (CORVWinCFCallbackDelegatorNew(&handle, this) != 0) throw std::bad_alloc();
+    delegator_.reset(handle);
+    CORVWinCFCallbackDelegatorSetFetchCallback(handle, On<&Provider::OnFetch>);
+    CORVWinCFCallbackDelegatorSetFetchCancelCallback(handle, On<&Provider::OnCancel>);
+    CORVWinCFCallbackDelegatorSetRenameCallback(handle, On<&Provider::OnRename>);
+    CORVWinCFCallbackDelegatorSetDeleteCallback(handle, On<&Provider::OnDelete>);
+    Require(CORVWinCFSyncRootConnect(syncRoot_.get(), handle), "cannot connect " + Utf8(root));
+  }
+
+  // Fetches that are still open are answered as aborted, so that nobody is left waiting.
+  ~Provider() {
+    isStopping_ = true;
+    std::unique_lock lock(mutex_);
+    auto fetches = std::exchange(fetches_, {});
+    lock.unlock();
+    fetches.clear();  // asks their threads to stop and waits for them
+    CORVWinCFSyncRootDisconnect(syncRoot_.get());
+  }
+
+  // Creates the placeholder of an item of the source, if the sync root does not have it yet.
+  void Add(const fs::path& source, const WIN32_FILE_ATTRIBUTE_DATA& found) {
+    const auto join = [](std::int64_t high, DWORD low) { return (high << 32) | low; };
+    const auto unixTime = [&](FILETIME time) {
+      return join(time.dwHighDateTime, time.dwLowDateTime) / 10'000'000 - 11'644'473'600;
+    };
+    const auto written = unixTime(found.ftLastWriteTime);
+    const bool isFolder = found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY;
+    const auto size = isFolder ? 0 : join(found.nFileSizeHigh, found.nFileSizeLow);
+    const Owner<__tag_PlaceholderMetaWrap> meta(
+        CORVWinCFPlaceholderMetaNew(unixTime(found.ftLastAccessTime), written,
+                                    unixTime(found.ftCreationTime), written, size, isFolder),
+        CORVWinCFPlaceholderMetaRelease);
+    const auto name = source.lexically_relative(source_), path = root_ / name;
+    const auto identity = Utf8(name.generic_wstring());
+    const auto item = NewPlaceholder(path);
+    const bool isNew = !fs::exists(path);
+    if (isNew && CORVWinCFPlaceholderCreate(item.get(), identity.c_str(), meta.get()) != 0) {
+      return Print("skipped " + identity + ": no placeholder (the debugger output says why)");
+    }
+    const bool isOnDisk = !isNew && CORVWinCFIsFullyHydratedW(path.c_str()) == 0;
+    const std::lock_guard lock(mutex_);
+    missing_[identity] = isOnDisk ? 0 : size;
+    size_ += static_cast<double>(size);
+  }
+
+  std::string Summary() {
+    const std::lock_guard lock(mutex_);
+    double onDisk = size_;
+    for (const auto& [identity, bytes] : missing_) onDisk -= static_cast<double>(bytes);
+    const auto before = std::exchange(lastSummary_, Clock::now());
+    const auto speed = std::exchange(sent_, 0) / Seconds(lastSummary_ - before).count();
+    char text[200];
+    std::snprintf(text, sizeof text, "%zu items, %.1f of %.1f MB on disk, %d fetches, %.1f MB/s",
+                  missing_.size(), onDisk / 1e6, size_ / 1e6, fetchCount_, speed / 1e6);
+    return text;
+  }
+
+ private:
+  struct Fetch {
+    std::int64_t key, offset, length;
+    std::string identity, name, program;
+    std::atomic<bool> isDone = false;
+    std::jthread thread = {};  // is asked to stop when nobody wants the range any more
+  };
+  struct Stop {
+    std::string why;
+    std::optional<std::uint32_t> answer = CORVWinCFTransferUnsuccessful;  // none: nothing is owed
+  };
+
+  // No exception may leave a callback. Only a lack of memory makes one.
+  template <auto kMethod>
+  static void On(const CORVWinCFCallbackRecord* r) noexcept try {
+    (static_cast<Provider*>(r->context)->*kMethod)(*r);
+  } catch (const std::exception&) {
+  }
+
+  // A callback holds up a program, and its record is gone when it returns: copy what is needed,
+  // leave the rest to another thread, return.
+  void OnFetch(const CORVWinCFCallbackRecord& r) try {
+    std::unique_ptr<Fetch> fetch(new Fetch{r.transferKey, r.parameters[0], r.parameters[1],
+                                           r.fileIdentity, Local(r.fullPath), r.imagePath});
+    const std::lock_guard lock(mutex_);
+    std::erase_if(fetches_, [](const auto& other) { return other->isDone.load(); });
+    auto& added = *fetches_.emplace_back(std::move(fetch));
+    added.thread = std::jthread([this, &added](const std::stop_token& stop) {
+      Serve(added, stop);
+      added.isDone = true;
+    });
+    ++fetchCount_;
+  } catch (const std::exception&) {
+    Fail(r.transferKey, r.parameters[0], r.parameters[1], CORVWinCFTransferUnsuccessful);
+  }
+
+  // The program that waits for the range is told at once that it will not come.
+  void Fail(std::int64_t key, std::int64_t offset, std::int64_t length, std::uint32_t status) {
+    CORVWinCFSyncRootTransferData(syncRoot_.get(), key, 0, nullptr, offset, length, status);
+  }
+
+  // Callbacks come in no order. Only the oldest fetch that matches is stopped: a newer one may be a
+  // new request, and if it is not, its next transfer is refused.
+  void OnCancel(const CORVWinCFCallbackRecord& r) {
+    const std::lock_guard lock(mutex_);
+    const auto begin = r.parameters[0], end = begin + r.parameters[1];
+    for (const auto& fetch : fetches_) {
+      const bool matches = fetch->key == r.transferKey && fetch->offset < end &&
+                           begin < fetch->offset + fetch->length && !fetch->isDone;
+      if (matches && fetch->thread.request_stop()) return;  // it had not been asked before
     }
   }
-  return options;
-}
 
-// Without its manifest a program is told that Windows is an older one; the kernel tells the truth.
+  void OnRename(const CORVWinCFCallbackRecord& r) {
+    CORVWinCFSyncRootAckRename(syncRoot_.get(), r.transferKey);
+    const auto target = r.targetPath != nullptr ? Local(r.targetPath) : "out of the sync root";
+    Print("renamed " + Local(r.fullPath) + " -> " + target);
+  }
+
+  void OnDelete(const CORVWinCFCallbackRecord& r) {
+    CORVWinCFSyncRootAckDelete(syncRoot_.get(), r.transferKey, 0, CORVWinCFTransferSucceeded);
+    Print("deleted " + Local(r.fullPath));
+  }
+
+  // The system may spell the sync root with other capitals than we do, but no longer or shorter.
+  std::string Local(const std::string& fullPath) const {
+    const auto path = Path(fullPath).generic_wstring();
+    return Utf8(path.substr(std::min(path.size(), root_.native().size() + 1)));
+  }
+
+  void Serve(const Fetch& fetch, const std::stop_token& stop) noexcept try {
+    Print("fetch   " + fetch.name + "  " + std::to_string(fetch.length) + " bytes at " +
+          std::to_string(fetch.offset) + " for " + Utf8(Path(fetch.program).filename()));
+    Send(fetch, stop);
+    Print("sent    " + fetch.name);
+  } catch (const Stop& end) {
+    if (end.answer) Fail(fetch.key, fetch.offset, fetch.length, *end.answer);
+    Print((end.answer ? "failed  " : "stopped ") + fetch.name + ": " + end.why);
+  } catch (const std::exception&) {  // out of memory
+    Fail(fetch.key, fetch.offset, fetch.length, CORVWinCFTransferUnsuccessful);
+  }
+
+  // Every piece but the last of a file begins and ends at a multiple of 4096: the system insists.
+  void Send(const Fetch& fetch, const std::stop_token& stop) {
+    constexpr std::int64_t kPage = 4096, kPiece = 4 << 20;
+    const auto tenth = static_cast<std::int64_t>(rate_ / 10) / kPage * kPage;
+    const auto piece = rate_ > 0 ? std::clamp(tenth, kPage, kPiece) : kPiece;
+    const auto buffer = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(piece));
+    std::ifstream file(source_ / Path(fetch.identity), std::ios::binary | std::ios::ate);
+    if (!file) throw Stop{"cannot open its source; is it still there?"};
+    const std::int64_t size = file.tellg();
+    if (fs::file_size(root_ / Path(fetch.name)) != static_cast<std::uintmax_t>(size)) {
+      throw Stop{"its source has changed its size; delete it here and start again"};
+    }
+    file.seekg(fetch.offset);
+    const auto total = std::min(fetch.length, size - fetch.offset);
+    const auto start = Clock::now();
+    auto reported = start;
+    for (std::int64_t done = 0; done < total;) {
+      const auto offset = fetch.offset + done, length = std::min(piece, total - done);
+      done += length;
+      Wait(start + Seconds(rate_ > 0 ? static_cast<double>(done) / rate_ : 0), stop);
+      if (!file.read(buffer.get(), length)) throw Stop{"its source cannot be read to the end"};
+      HandOver(fetch, buffer.get(), offset, length);
+      // Seldom, as a report costs time, and never the total, which would end the request.
+      if (done == total || Clock::now() - reported < Seconds(0.1)) continue;
+      reported = Clock::now();
+      CORVWinCFSyncRootReportTransferProgress(syncRoot_.get(), fetch.key, total, done);
+    }
+  }
+
+  void Wait(const auto& due, const std::stop_token& stop) const {
+    while (Clock::now() < due && !stop.stop_requested() && !isStopping_) Sleep(10);
+    if (isStopping_) throw Stop{"mirror is stopping", CORVWinCFTransferAborted};
+    if (stop.stop_requested()) throw Stop{"cancelled", std::nullopt};
+  }
+
+  void HandOver(const Fetch& fetch, const char* data, std::int64_t offset, std::int64_t length) {
+    constexpr auto kDiskFull = static_cast<CORVWinCFHresult>(0x80070070);
+    constexpr auto kCancelled = static_cast<CORVWinCFHresult>(0x8007018E);
+    const auto result = CORVWinCFSyncRootTransferData(syncRoot_.get(), fetch.key, 0, data, offset,
+                                                      length, CORVWinCFTransferSucceeded);
+    if (result == kCancelled) throw Stop{"cancelled", std::nullopt};
+    if (result == kDiskFull) throw Stop{"the disk is full; make room", CORVWinCFTransferDiskFull};
+    if (result < 0) throw Stop{"the system refused its data" + ResultText(result)};
+    const std::lock_guard lock(mutex_);
+    sent_ += static_cast<double>(length);
+    auto& missing = missing_[fetch.identity];  // the rest of the range, at least
+    missing = std::max(missing - length, fetch.offset + fetch.length - offset - length);
+  }
+
+  const fs::path source_, root_;
+  const double rate_;
+  const Owner<CORVWinCFSyncRootHandleRecord> syncRoot_;
+  Owner<CORVWinCFCallbackDelegatorHandleRecord> delegator_{nullptr,
+                                                           CORVWinCFCallbackDelegatorRelease};
+  std::atomic<bool> isStopping_ = false;
+  std::mutex mutex_;                             // guards what follows
+  std::map<std::string, std::int64_t> missing_;  // bytes not on disk by identity, which stays
+  double size_ = 0, sent_ = 0;                   // bytes: of all, and since the last summary
+  Clock::time_point lastSummary_ = Clock::now();
+  int fetchCount_ = 0;
+  std::vector<std::unique_ptr<Fetch>> fetches_;  // the last member: waits for those still there
+};
+
+// Without its manifest a program is told that Windows is an older one; the registry knows better.
 void RequirePlatform() {
   CORVWinCFPlatformInfo info{};
-  if (CORVWinCFGetPlatformInfo(&info) == 0) {
-    if (info.buildNumber != 0) return;
-    throw Failure("the Cloud Files platform does not answer",
-                  "cldapi.dll is missing, or the cloud filter is not running: start it first");
-  }
-  RTL_OSVERSIONINFOW windows{};
-  windows.dwOSVersionInfoSize = sizeof windows;
-  const auto query = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
-  reinterpret_cast<LONG(WINAPI*)(void*)>(reinterpret_cast<void*>(query))(&windows);
-  const auto build = "this is Windows build " + std::to_string(windows.dwBuildNumber);
-  if (windows.dwMajorVersion < 10 || windows.dwBuildNumber < 17134) {
-    throw Failure(build, "on-demand files need Windows 10, version 1803 (build 17134), or later");
-  }
-  throw Failure(build + ", but Nimbra takes it for an older one",
-                "mirror.exe lacks its manifest with the supportedOS entry: build it again with it");
+  const bool isGateOpen = CORVWinCFGetPlatformInfo(&info) == 0;
+  if (info.buildNumber != 0) return;
+  const auto advice = "cldapi.dll is missing, or the cloud filter is not running: start it first";
+  if (isGateOpen) throw Failure("the Cloud Files platform does not answer", advice);
+  wchar_t build[16] = L"";
+  DWORD size = sizeof build;
+  RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
+               L"CurrentBuildNumber", RRF_RT_REG_SZ, nullptr, build, &size);
+  throw Failure("this is Windows build " + Utf8(build) + ", and Nimbra takes it for too old",
+                "you need Windows 10, version 1803, and mirror.exe its supportedOS manifest");
 }
 
+std::string RootIdentity(const fs::path& path) {
+  std::vector<char> identity(65536);  // as much as the library gives, and so ends in a zero
+  CORVWinCFGetSyncRootIdentityByPath(Utf8(path).c_str(), identity.data());
+  return identity.data();
+}
+
+// Only a file that is not empty has data to fetch or to drop.
+template <CORVWinCFStatus (*kFunction)(CORVWinCFPlaceholderHandle), bool kIsForData = false>
+bool Do(const fs::path& path) {
+  if (kIsForData && (fs::is_directory(path) || fs::file_size(path) == 0)) return true;
+  const auto item = NewPlaceholder(path);
+  return CORVWinCFPlaceholderOpen(item.get()) == 0 && kFunction(item.get()) == 0;
+}
+
+bool PrintState(const fs::path& path) {
+  const auto item = NewPlaceholder(path);
+  if (CORVWinCFPlaceholderOpen(item.get()) != 0) return false;
+  std::string line, identity(4096, 0);  // the library writes no terminator
+  for (const auto ask : {CORVWinCFPlaceholderIsPlaceholder, CORVWinCFPlaceholderIsFullyHydrated,
+                         CORVWinCFPlaceholderIsPinned, CORVWinCFPlaceholderIsExcluded,
+                         CORVWinCFPlaceholderIsInSync}) {
+    line += ask(item.get()) == 0 ? "yes          " : "no           ";
+  }
+  CORVWinCFPlaceholderGetFileIdentity(item.get(), identity.data());
+  Print(line + Utf8(path) + " = " + identity.c_str());
+  return true;
+}
+
+bool Unregister(const fs::path& root) {
+  const auto identity = RootIdentity(root);
+  const auto session = std::strtoull(&identity[identity.rfind('.') + 1], nullptr, 10);
+  const auto result = CORVWinCFSyncRootUnregister(NewSyncRoot(root, session).get());
+  Require(result, "cannot unregister " + Utf8(root));
+  return true;
+}
+
+struct Action {
+  bool (*run)(const fs::path& path);
+  bool goesDown;       // to every item below; for the others the platform does
+  const char* advice;  // when it fails
+};
+const std::map<std::string, Action> kActions{
+    {"--state", {PrintState, true, "it cannot be opened"}},
+    {"--hydrate-all", {Do<CORVWinCFPlaceholderHydrateAll, true>, true, "is it being served?"}},
+    {"--dehydrate", {Do<CORVWinCFPlaceholderDehydrateAll, true>, true, "it is pinned or in use"}},
+    {"--pin", {Do<CORVWinCFPlaceholderPinToLocal>, false, "the system refused it"}},
+    {"--unpin", {Do<CORVWinCFPlaceholderForceUnpin>, false, "the system refused it"}},
+    {"--unregister", {Unregister, false, ""}}};
+
+// What is done to a sync root from outside the program that serves it.
+int Act(const std::string& name, const fs::path& top) {
+  const auto advice = "serve it once with mirror <source folder> <sync root>";
+  if (RootIdentity(top).empty()) throw Failure(Utf8(top) + " lies in no sync root", advice);
+  const auto& action = kActions.at(name);
+  int done = 0, failed = 0;
+  const auto visit = [&](const fs::path& path, const auto&...) {
+    if (action.run(path)) return void(++done);
+    ++failed;
+    Print("failed  " + Utf8(path) + ": " + action.advice);
+  };
+  if (name == "--state") {
+    Print("placeholder  on disk      pinned       excluded     in sync      path = identity");
+  }
+  (action.goesDown && fs::is_directory(top)) ? Walk(top, visit) : visit(top);
+  const auto counts = std::to_string(done) + " done, " + std::to_string(failed) + " failed";
+  Print(name.substr(2) + ": " + counts);
+  return failed == 0 ? 0 : 1;
+}
+
+void RequireSyncRoot(const fs::path& source, const fs::path& root, std::uint64_t session) {
+  for (const auto& [folder, other] : {std::pair{source, root}, std::pair{root, source}}) {
+    const bool isInside = Utf8(folder / "").starts_with(Utf8(other / ""));
+    if (!fs::is_directory(folder)) throw Failure("there is no folder " + Utf8(folder), "create it");
+    if (isInside) throw Failure(Utf8(folder) + " lies in " + Utf8(other), "choose two apart");
+  }
+  const auto identity = RootIdentity(root);
+  if (identity.ends_with(".session." + std::to_string(session))) return;  // by an earlier run
+  const auto advice = "give that number with --session, or --unregister it first";
+  if (!identity.empty()) throw Failure(Utf8(root) + " is registered as " + identity, advice);
+  const auto name = Utf8(source.filename());  // which the shell shows
+  const auto result = CORVWinCFSyncRootRegister(NewSyncRoot(root, session).get(), name.c_str());
+  Require(result, "cannot register " + Utf8(root));
+}
+
+std::atomic<bool> stopRequested = false;
 BOOL WINAPI OnConsoleEvent(DWORD event) {
   stopRequested = true;
   // Of the other events Windows gives notice only: it ends the program once this returns.
-  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) finished.wait(false);
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(INFINITE);
   return TRUE;
 }
 
-void StopAtEndOfInput() {
-  std::thread([] {
-    while (std::cin.get() != EOF) continue;
-    stopRequested = true;
-  }).detach();
+using Options = std::map<std::string, std::string>;
+double NumberOf(const Options& options, const std::string& name, int most) {
+  const auto& text = options.at(name);
+  char* end = nullptr;
+  const double number = std::strtod(text.c_str(), &end);
+  if (!text.empty() && *end == 0 && number >= 0 && number <= most) return number;
+  throw Usage(name + " takes a number from 0 to " + std::to_string(most));
 }
 
-void RequireFolders(const fs::path& source, const fs::path& root) {
-  for (const auto& folder : {source, root}) {
-    if (fs::is_directory(folder)) continue;
-    throw Failure("there is no folder " + Utf8(folder), "create it, or correct its name");
-  }
-  const auto isInside = [](const fs::path& inner, const fs::path& outer) {
-    const auto way = inner.lexically_relative(outer);
-    return !way.empty() && *way.begin() != "..";
-  };
-  if (!isInside(source, root) && !isInside(root, source)) return;
-  throw Failure("the source and the sync root lie one in the other", "choose two folders apart");
-}
-
-void RequireRegistered(Provider& provider, const fs::path& root, const std::string& session) {
-  const auto identity = RootIdentity(root);
-  if (identity.empty()) return Require(provider.Register(), "cannot register " + Utf8(root));
-  if (identity == RootIdentity(root.parent_path())) {
-    throw Failure(Utf8(root) + " lies inside another sync root", "choose another folder");
-  }
-  if (identity.ends_with(".session." + session)) return;  // by an earlier run
-  throw Failure(Utf8(root) + " is registered as " + identity,
-                "give that number with --session, or --unregister it first");
-}
-
-void ShowUntilStopped(Provider& provider, Console& console, double timeout,
-                      const fs::path& stopFile) {
-  const Seconds interval(console.isTerminal ? 0.2 : 5);
-  const auto start = Clock::now();
-  std::string shown;
-  for (auto next = start; !stopRequested; Sleep(50)) {
-    if (timeout > 0 && Clock::now() - start > Seconds(timeout)) return;
-    if (!stopFile.empty() && fs::exists(stopFile)) return;
-    if (Clock::now() < next) continue;
-    next = Clock::now() + std::chrono::duration_cast<Clock::duration>(interval);
-    if (const auto now = provider.Summary(); now != shown) console.Summary(shown = now, false);
-  }
-}
-
-int Serve(const Options& options) {
-  const auto &source = options.paths[0], &root = options.paths[1];
-  const auto session = static_cast<unsigned>(NumberOf("--session", options.session, 2147483647));
-  const double rate = NumberOf("--rate", options.rate, 1e6) * 1e6;
-  const double timeout = NumberOf("--timeout", options.timeout, 1e9);
-  RequireFolders(source, root);
-  Console console;
-  Provider provider(source, root, session, rate, console);
-  RequireRegistered(provider, root, std::to_string(session));
-  Require(provider.Connect(), "cannot connect " + Utf8(root));
+void Serve(const Options& options, const fs::path& source, const fs::path& root) {
+  const auto session = static_cast<unsigned>(NumberOf(options, "--session", 2147483647));
+  const auto rate = NumberOf(options, "--rate", 1'000'000) * 1e6;
+  RequireSyncRoot(source, root, session);
+  Provider provider(source, root, session, rate);
   SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
-  if (options.untilEof) StopAtEndOfInput();
-  provider.Populate(stopRequested);
-  console.Line("mirror: ready");
-  ShowUntilStopped(provider, console, timeout, Path(options.stopFile));
-  provider.Disconnect();
-  console.Summary(provider.Summary(), true);
-  console.Line("mirror: stopped");
-  finished = true;
-  finished.notify_all();
-  return 0;
+  Walk(source, [&](const auto&... item) { stopRequested ? void() : provider.Add(item...); });
+  Print("mirror: ready");
+  const bool isTerminal = _isatty(_fileno(stdout)) != 0;
+  const auto stopFile = Path(options.at("--stop-file"));
+  for (int round = 0; !stopRequested && !fs::exists(stopFile); ++round, Sleep(50)) {
+    if (round % (isTerminal ? 4 : 100) == 0) Print(provider.Summary(), !isTerminal);
+  }
+  Print(provider.Summary());
 }
 
-int Run(const std::vector<std::string>& arguments) {
-  const auto options = Parse(arguments);
-  if (options.action == "--help") return std::cout << kHelp, 0;
-  const auto wanted = options.action.empty() ? 2U : 1U;
-  if (options.paths.size() != wanted) {
-    throw Usage(wanted == 2 ? "two folders are needed: the source and the sync root"
-                            : options.action + " needs one file or folder");
+int Run(const std::vector<fs::path>& arguments) {
+  Options options{{"--session", "1"}, {"--rate", "0"}, {"--stop-file", ""}};
+  std::string action;
+  std::vector<fs::path> paths;
+  for (auto at = arguments.begin(); at != arguments.end(); ++at) {
+    const auto text = Utf8(*at);
+    if (const auto option = options.find(text); option != options.end()) {
+      if (++at == arguments.end()) throw Usage(text + " needs a value");
+      option->second = Utf8(*at);
+    } else if (!text.starts_with("--")) {
+      const auto path = fs::absolute(*at).lexically_normal().make_preferred();
+      paths.push_back(path.has_filename() ? path : path.parent_path());
+    } else if (text == "--help") {
+      return Print(kHelp), 0;
+    } else if (!kActions.contains(text) || !action.empty()) {
+      throw Usage((action.empty() ? "unknown option " : "not one action, but also ") + text);
+    } else {
+      action = text;
+    }
   }
+  const auto needed = action.empty() ? "two folders are needed: the source and the sync root"
+                                     : action + " needs one file or folder";
+  if (paths.size() != (action.empty() ? 2 : 1)) throw Usage(needed);
   RequirePlatform();
-  return wanted == 2 ? Serve(options) : Act(options.action, options.paths[0]);
+  if (!action.empty()) return Act(action, paths[0]);
+  Serve(options, paths[0], paths[1]);
+  return Print("mirror: stopped"), 0;
 }
 
 }  // namespace
-}  // namespace mirror
 
 int wmain(int count, wchar_t** texts) try {
   SetConsoleOutputCP(CP_UTF8);
-  _setmode(_fileno(stdout), _O_BINARY);
   std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);  // no character of several bytes is cut in two
-  std::vector<std::string> arguments;
-  for (int i = 1; i < count; ++i) arguments.push_back(mirror::Utf8(texts[i]));
-  return mirror::Run(arguments);
-} catch (const mirror::Usage& error) {
-  std::cerr << "mirror: " << error.what() << "\n  mirror --help shows how to use it\n";
-  return 2;
-} catch (const std::filesystem::filesystem_error& error) {
-  std::cerr << "mirror: cannot read " << mirror::Utf8(error.path1()) << " ("
-            << error.code().message() << ")\n  check that it is there and that you may read it\n";
-  return 1;
-} catch (const std::exception& error) {
-  std::cerr << "mirror: " << error.what() << "\n";
+  return Run({texts + 1, texts + count});
+} catch (const Failure& failure) {
+  std::fprintf(stderr, "mirror: %s\n", failure.what());
+  return failure.code;
+} catch (const std::exception& error) {  // of the file system, which names the path
+  std::fprintf(stderr, "mirror: %s\n  check that it is there and may be read\n", error.what());
   return 1;
 }

@@ -151,7 +151,9 @@ class Mirror(MirrorCase):
         self.assertIn("it is pinned", output)
         self.assertGreater(self.bytes_on_disk()["page.bin"], 0)
         self.assertNotIn("page.bin", output.splitlines()[-1])
-        self.run_mirror("--exclude", self.root / "one.txt")
+        self.run_mirror("--unpin", self.root)
+        self.run_mirror("--dehydrate", self.root / "page.bin")
+        self.assertEqual(self.bytes_on_disk()["page.bin"], 0)
         self.finish(mirror)
 
     def test_the_state_table_tells_of_every_item_what_it_is(self):
@@ -256,7 +258,7 @@ class MirrorMessages(MirrorCase):
     def test_a_root_that_is_being_served_is_not_served_twice(self):
         self.make_folders({"a.txt": 10})
         mirror = self.serve()
-        output = self.run_mirror("--timeout", "5", self.source, self.root, code=1)
+        output = self.run_mirror(self.source, self.root, code=1)
         self.assertIn("another program serves this sync root", output)
         self.finish(mirror)
 
@@ -272,7 +274,7 @@ class MirrorMessages(MirrorCase):
         self.make_folders()
         self.assertEqual(self.daemon.stop(), 0)
         self.addCleanup(self.daemon.start)
-        output = self.run_mirror("--timeout", "5", self.source, self.root, code=1)
+        output = self.run_mirror(self.source, self.root, code=1)
         self.assertIn("the cloud filter is not running: start it first", output)
         self.assertEqual(mounts_below(self.folder), [])
 
