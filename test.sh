@@ -69,9 +69,9 @@ run_ctest() {
   start="$(now)"
   printf '  %-46s ' "$title"
   rm -f -- "$junit"
-  ctest --test-dir "$NIMBRA_WORK/$preset" -j2 --output-junit "$junit" --timeout 300 \
+  interruptible ctest --test-dir "$NIMBRA_WORK/$preset" -j2 --output-junit "$junit" --timeout 300 \
     --test-output-size-passed 100000000 --test-output-size-failed 100000000 \
-    "$@" >"$LOGS/$preset-ctest.log" 2>&1 </dev/null 7>&- || status=$?
+    "$@" >"$LOGS/$preset-ctest.log" 2>&1 </dev/null || status=$?
   if [[ ! -f $junit ]]; then
     printf '%sfailed%s %5s s\n' "$RED" "$PLAIN" "$(seconds_since "$start")"
     tail -n 20 -- "$LOGS/$preset-ctest.log"
@@ -107,12 +107,13 @@ lint() {
 clean_up() {
   trap '' INT TERM
   local point
+  end_running
   "$NIMBRA_SOURCE/scripts/wine-prefix.sh" --stop-all >/dev/null 2>&1 7>&- || true
   stop_program "$NIMBRA_WORK/linux-release/bin/cloud-filterd"
   while read -r point; do
     fusermount3 -u -z "$point" 2>/dev/null || umount -l "$point" 2>/dev/null || true
   done < <(mounts_below "$NIMBRA_WORK")
-  rm -rf --one-file-system -- "$TMPDIR"
+  rm -rf --one-file-system -- "$TMPDIR" "$NIMBRA_WORK"/{e2e,conformance}-*
 }
 
 main() {
@@ -130,6 +131,8 @@ main() {
   exec 7>"$NIMBRA_WORK/.lock"
   flock -n 7 || die "Another run uses '$NIMBRA_WORK'. Wait for it, or set NIMBRA_WORK to a folder of" \
     "your own."
+  [[ ! -e $NIMBRA_WORK/demo/running ]] || die "The demo runs in '$NIMBRA_WORK'. End it first:" \
+    "./demo.sh --stop"
   export TMPDIR="$NIMBRA_WORK/tmp"
   LOGS="$NIMBRA_WORK/logs"
   readonly LOGS

@@ -232,6 +232,7 @@ stop_filter() {
 # stop_everything: whatever is still there, also in the middle of a failure.
 stop_everything() {
   local point
+  end_running
   : >"$DEMO/stop"
   "$NIMBRA_SOURCE/scripts/wine-prefix.sh" --stop-all >/dev/null 2>&1 7>&- || true
   stop_program "$FILTER"
@@ -251,7 +252,7 @@ stop_kept_demo() {
 }
 
 nothing_left() {
-  ! mounts_below "$DEMO" | grep . && ! processes_in_prefixes_below "$NIMBRA_WORK/wine" | grep .
+  ! mounts_below "$DEMO" | grep . && ! processes_in_prefixes_below "$NIMBRA_WORK" | grep .
 }
 
 # What it checks

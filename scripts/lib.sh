@@ -60,6 +60,33 @@ seconds_since() {
   awk -v from="$1" -v to="$EPOCHREALTIME" 'BEGIN { printf "%.1f", to - from }'
 }
 
+# interruptible <command>...: runs it so that a signal to this script ends both at once. It is a job
+# of its own, as otherwise it would ignore Ctrl+C and make all that it starts do so. Descriptor 7 is
+# this script's lock, which nothing that it starts may hold.
+interruptible() {
+  local status=0
+  set -m
+  "$@" 7>&- &
+  running=$!
+  set +m
+  wait "$running" || status=$?
+  running=''
+  return "$status"
+}
+
+# end_running: for a script's exit, ends what interruptible runs, with all that it started.
+end_running() {
+  [[ -z ${running:-} ]] || end_tree "$running"
+  running=''
+}
+
+end_tree() {
+  local child children
+  children="$(pgrep -P "$1")" || true
+  kill -TERM "$1" 2>/dev/null || true
+  for child in $children; do end_tree "$child"; done
+}
+
 # show_failure <log>: its lines from the first error on, or else its last ones.
 show_failure() {
   local most="${STAGE_LINES:-40}" first
@@ -73,14 +100,13 @@ show_failure() {
 }
 
 # stage <title> <log> <command>...: runs a step with its output in the log, and prints one line: the
-# title, the outcome, the seconds. What failed follows. Descriptor 7 is the running command's lock,
-# which nothing that it starts may hold.
+# title, the outcome, the seconds. What failed follows.
 stage() {
   local title=$1 log=$2 start status=0
   shift 2
   start="$(now)"
   printf '%s%-46s ' "${STAGE_INDENT:-  }" "$title"
-  "$@" >"$log" 2>&1 </dev/null 7>&- || status=$?
+  interruptible "$@" >"$log" 2>&1 </dev/null || status=$?
   if ((status == 0)); then
     printf '%sok%s %9s s\n' "$GREEN" "$PLAIN" "$(seconds_since "$start")"
   else

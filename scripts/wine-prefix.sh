@@ -87,7 +87,7 @@ main() {
   while (($#)); do
     case $1 in
       --build) build="${2:-}" && shift ;;
-      --stop-all) stop_prefixes_below "$NIMBRA_WORK/wine" && return ;;
+      --stop-all) stop_prefixes && return ;;
       --help | -h) print_help && return ;;
       *) usage_error "unknown argument '$1'" ;;
     esac

@@ -49,13 +49,13 @@ stop_prefix() {
   timeout 20 "$WINESERVER" -w >/dev/null 2>&1 || true
 }
 
-# stop_prefixes_below <folder>: ends every process of every prefix in it.
-stop_prefixes_below() {
+# stop_prefixes: ends every process of every prefix in the work folder, those of tests included.
+stop_prefixes() {
   local pids=() prefix
   while read -r prefix; do
     WINEPREFIX="${prefix%/system.reg}" "$WINESERVER" -k >/dev/null 2>&1 &
-  done < <(find "$1" -maxdepth 6 -name system.reg 2>/dev/null)
+  done < <(find "$NIMBRA_WORK/wine" -maxdepth 4 -name system.reg 2>/dev/null)
   wait
-  mapfile -t pids < <(processes_in_prefixes_below "$1")
+  mapfile -t pids < <(processes_in_prefixes_below "$NIMBRA_WORK")
   ((${#pids[@]} == 0)) || kill -KILL "${pids[@]}" 2>/dev/null || true
 }
