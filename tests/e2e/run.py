@@ -4,7 +4,7 @@
     run.py --daemon build/linux-release/bin/cloud-filterd \\
            --file build/mingw-release/bin/Nimbra.dll --file ... test_hydration.Sizes
 
-NIMBRA_WORK        where the Wine prefixes are made and the tests work (the folder for temporary files)
+NIMBRA_WORK        where prefixes are made and the tests work (the folder for temporary files)
 NIMBRA_NO_FUSE=1   skip, rather than fail, what needs /dev/fuse
 NIMBRA_KEEP_E2E=1  leave each class's folder, with the logs of its programs, behind
 """
@@ -36,8 +36,9 @@ def main():
     arguments = parse_arguments()
     if not arguments.daemon or not os.access(arguments.daemon, os.X_OK):
         sys.exit(
-            f"The end-to-end tests need the filter daemon, not found at '{arguments.daemon}'. Build "
-            "the linux-release preset and configure this one with -DNIMBRA_FILTER_DAEMON=<path>."
+            f"The end-to-end tests need the filter daemon, not found at '{arguments.daemon}'. "
+            "Build the linux-release preset and configure this one with "
+            "-DNIMBRA_FILTER_DAEMON=<path of cloud-filterd>."
         )
     SETTINGS.files = [pathlib.Path(path).resolve() for path in arguments.file]
     SETTINGS.daemon = pathlib.Path(arguments.daemon).resolve()

@@ -56,6 +56,28 @@ class Queries(EndToEndCase):
         self.assertTrue(line.endswith(f") | Failed to get syncroot info, path is: {path}\r\n"))
 
 
+class FilterStatus(EndToEndCase):
+    def test_the_filter_tells_of_each_root_who_serves_it_and_how_much_is_on_disk(self):
+        root = self.new_root()
+        root.create("online-only.bin", 1 << 20)
+        root.create("present.bin", 5000)
+        root.read("present.bin")
+        told = self.daemon.status()
+        self.assertEqual(told["processId"], self.daemon.pid)
+        (told,) = (one for one in told["roots"] if one["path"] == str(root.path))
+        self.assertEqual(told["provider"]["unixProcessId"], self.provider.pid)
+        self.assertEqual(
+            told["provider"]["windowsProcessId"], self.provider.windows_process_id
+        )
+        self.assertEqual(told["providerName"], "CorvaneDrive")
+        self.assertTrue(told["mounted"] and told["connected"])
+        self.assertEqual(told["bytesTotal"], (1 << 20) + 5000)
+        self.assertIn(told["bytesOnDisk"], range(5000, 8193))
+        self.assertEqual(root.status("disconnect"), 0)
+        (told,) = (one for one in self.daemon.status()["roots"] if one["path"] == str(root.path))
+        self.assertFalse(told["connected"])
+
+
 class Records(EndToEndCase):
     def test_a_fetch_record_tells_who_reads_what_and_how_much(self):
         root = self.new_root()

@@ -66,7 +66,9 @@ class EndToEndCase(unittest.TestCase):
     @classmethod
     def start_program(cls, name, prefix=None):
         program = (prefix or cls.prefix).program(
-            cls.bin / name, cls.folder / f"{name}.log", CLOUD_FILTER_ENDPOINT=str(cls.daemon.endpoint)
+            cls.bin / name,
+            cls.folder / f"{name}.log",
+            CLOUD_FILTER_ENDPOINT=str(cls.daemon.endpoint),
         )
         cls._programs.append(program)
         return program
