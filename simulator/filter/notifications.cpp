@@ -11,11 +11,15 @@ void Notifications::Ask(Guard& guard, const ItemPtr& item, wire::CallbackEvent e
                         std::uint64_t waiterId, Continuation then) {
   auto& core = guard.core;
   event.requestKey = core.NextRequestKey();
+  Continuation afterAnswer;
+  if (waits) {
+    afterAnswer = std::move(then);
+  } else if (then) {
+    guard.Later([then = std::move(then)] { then({}); });
+  }
   questions_.push_back({event.type, event.transferKey, event.requestKey, waiterId, item, waits,
-                        Clock::now() + core.options.requestTimeout,
-                        waits ? std::move(then) : Continuation()});
+                        Clock::now() + core.options.requestTimeout, std::move(afterAnswer)});
   item->root->connection->sink->Send(event);
-  if (!waits && then) guard.Later([then = std::move(then)] { then({}); });
 }
 
 void Notifications::Finish(Guard& guard, std::size_t at, Verdict verdict) {

@@ -4,10 +4,9 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
-
-extern char** environ;
 
 namespace cloud_filter {
 namespace {

@@ -48,17 +48,17 @@ TEST_F(CommandLine, StatusTellsAboutRootsAndProviders) {
   MakeRoot();
   ProviderOptions options;
   options.process.windowsProcessId = 321;
-  options.process.imagePath = "C:\\client \"x\".exe";
+  options.process.imagePath = R"(C:\client "x".exe)";
   ConnectProvider(options);
   CreateFile("a", 10'000);
   const auto status = Run({"--state", daemon->State(), "--status"});
   EXPECT_EQ(status.exitCode, 0) << status.errors;
   for (const auto& text :
-       {"\"path\": \"" + root.string() + "\"", std::string("\"connected\": true"),
+       {R"("path": ")" + root.string() + "\"", std::string("\"connected\": true"),
         std::string("\"mounted\": false"), std::string("\"windowsProcessId\": 321"),
-        std::string("\"image\": \"C:\\\\client \\\"x\\\".exe\""),
-        std::string("\"placeholders\": 2"), std::string("\"bytesTotal\": 10000"),
-        std::string("\"bytesOnDisk\": 0"), std::string("\"pendingFetches\": 0")}) {
+        std::string(R"("image": "C:\\client \"x\".exe")"), std::string("\"placeholders\": 2"),
+        std::string("\"bytesTotal\": 10000"), std::string("\"bytesOnDisk\": 0"),
+        std::string("\"pendingFetches\": 0")}) {
     EXPECT_NE(status.output.find(text), std::string::npos) << text << " in\n" << status.output;
   }
 }

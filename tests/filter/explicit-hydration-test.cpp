@@ -230,12 +230,12 @@ TEST_F(QuickTimeout, TheCancelNamesWhatIsStillMissing) {
 
 TEST_F(QuickTimeout, DocumentedAnyValidAnswerResetsTheTimersOfAll) {
   CreateFile("slow", 10'000);
-  CreateFile("busy", 100 * 4096);
+  CreateFile("busy", 100 * std::int64_t{4096});
   auto slow = HydrateMeanwhile("slow");
   const auto slowFetch = NextFetch();
   std::int64_t key = 0;
   ASSERT_RESULT(api->GetTransferKey(Path("busy"), key), hr::kOk);
-  for (int i = 0; i < 10; ++i) {
+  for (std::int64_t i = 0; i < 10; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(120));
     ASSERT_RESULT(api->Transfer({provider->Key(), key, 0}, i * 4096, std::string(4096, 'x')),
                   hr::kOk);
