@@ -56,7 +56,7 @@ Guard::Guard(Core& theCore) : core(theCore), lock_(theCore.mutex) {}
 Core::Core(CoreOptions coreOptions, const std::filesystem::path& database, FrontEndFactory factory)
     : options(coreOptions),
       store(database),
-      items(store),
+      items(store, coreOptions.idleFiles),
       factory_(std::move(factory)),
       // A request key of an earlier life of this process never means one of ours.
       lastRequestKey_(std::chrono::system_clock::now().time_since_epoch().count()) {

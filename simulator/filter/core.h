@@ -34,6 +34,8 @@ struct CoreOptions {
   std::chrono::milliseconds silenceLimit{5'000};
   std::int64_t fetchCap = std::int64_t{1} << 30;
   bool mount = true;
+  // Files that are kept open though nobody uses them, in each of the two places that do so.
+  std::size_t idleFiles = 1024;
 };
 
 // Where the callbacks of a connection go. Send only queues.

@@ -47,6 +47,7 @@ Hresult ExecuteService::GetTransferKey(const wire::ItemRef& ref, std::int64_t& k
   Located located;
   if (const auto result = core_.LocateItem(guard, ref, located)) return result;
   key = core_.items.TransferKeyOf(located.item);
+  core_.items.HoldKey(located.item);
   located.item->canceled = false;
   return hr::kOk;
 }
@@ -54,7 +55,7 @@ Hresult ExecuteService::GetTransferKey(const wire::ItemRef& ref, std::int64_t& k
 Hresult ExecuteService::ReleaseTransferKey(std::int64_t key) {
   Guard guard(core_);
   // The key itself stays with the file: a fetch may be using it.
-  return core_.items.ByTransferKey(key) == nullptr ? hr::kInvalidParameter : hr::kOk;
+  return core_.items.ReleaseKey(key) ? hr::kOk : hr::kInvalidParameter;
 }
 
 Hresult ExecuteService::Address(const wire::Target& target, Addressed& addressed) {

@@ -14,7 +14,7 @@ namespace {
 constexpr int kOwnFlags = O_CREAT | O_EXCL | O_TRUNC | O_NOFOLLOW | O_APPEND | O_DIRECT;
 
 ItemPtr ItemOf(fuse_req_t request, const OpenFile& file) {
-  auto item = MountOf(request).Files().ItemOf(file.node->File());
+  auto item = MountOf(request).Files().ItemOf(file.File());
   return item != nullptr ? item : file.item;
 }
 
@@ -87,16 +87,16 @@ void WriteWhenPresent(fuse_req_t request, const OpenFile& file, const char* byte
   fuse_reply_write(request, size);
 }
 
-int Truncate(const Node& node, const fuse_file_info* info, off_t size) {
+int Truncate(const HeldNode& node, const fuse_file_info* info, off_t size) {
   // The open file was opened when that was allowed; its mode may have changed since.
   if (info != nullptr) {
     return ftruncate(OpenFileOf(*info).fd.Get(), size) == 0 ? 0 : errno;
   }
-  return truncate(ProcPath(node.reference.Get()).c_str(), size) == 0 ? 0 : errno;
+  return truncate(ProcPath(node.Fd()).c_str(), size) == 0 ? 0 : errno;
 }
 
-int Shrink(FileService& files, const ItemPtr& item, const Node& node, const fuse_file_info* info,
-           off_t size, pid_t thread) {
+int Shrink(FileService& files, const ItemPtr& item, const HeldNode& node,
+           const fuse_file_info* info, off_t size, pid_t thread) {
   std::unique_lock hold(item->data);
   auto error = files.AboutToShrink(item, size, thread);
   if (error == 0) error = Truncate(node, info, size);
@@ -131,16 +131,16 @@ int ChangeOwner(int reference, const AttributeChange& change) {
 }
 
 // All but the size.
-int ChangeTheRest(FileService& files, const Node& node, const AttributeChange& change,
+int ChangeTheRest(FileService& files, const HeldNode& node, const AttributeChange& change,
                   pid_t thread) {
-  const auto path = ProcPath(node.reference.Get());
+  const auto path = ProcPath(node.Fd());
   if (change.Has(FUSE_SET_ATTR_MODE)) {
     if (chmod(path.c_str(), change.values.st_mode & 07777U) != 0) return errno;
     files.MetadataChanged(node.File(), policy::kTrackFileReadonly, policy::kTrackDirectoryReadonly,
                           thread);
   }
   if (change.Has(FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) {
-    if (const auto error = ChangeOwner(node.reference.Get(), change)) return error;
+    if (const auto error = ChangeOwner(node.Fd(), change)) return error;
   }
   if (!change.Has(FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME)) return 0;
   if (const auto error = ChangeTimes(path, change)) return error;
@@ -151,10 +151,10 @@ int ChangeTheRest(FileService& files, const Node& node, const AttributeChange& c
   return 0;
 }
 
-void ApplyChange(fuse_req_t request, Node& node, const AttributeChange& change);
+void ApplyChange(fuse_req_t request, const HeldNode& node, const AttributeChange& change);
 
 // True when the request is answered, or will be.
-bool ChangeSize(fuse_req_t request, Node& node, const AttributeChange& change) {
+bool ChangeSize(fuse_req_t request, const HeldNode& node, const AttributeChange& change) {
   auto& files = MountOf(request).Files();
   const auto thread = fuse_req_ctx(request)->pid;
   auto item = files.ItemOf(node.File());
@@ -167,7 +167,7 @@ bool ChangeSize(fuse_req_t request, Node& node, const AttributeChange& change) {
   } else if (const auto before = item->Size(); size < before) {
     error = Shrink(files, item, node, change.Info(), size, thread);
   } else if (!files.TryWrite(item, hold)) {
-    WhenWritable(request, item, [=, &node] { ApplyChange(request, node, change); });
+    WhenWritable(request, item, [=] { ApplyChange(request, node, change); });
     return true;
   } else if (size > before) {
     error = files.AboutToChange(item, {before, size}, thread);
@@ -177,12 +177,12 @@ bool ChangeSize(fuse_req_t request, Node& node, const AttributeChange& change) {
   return error != 0;
 }
 
-void ApplyChange(fuse_req_t request, Node& node, const AttributeChange& change) {
+void ApplyChange(fuse_req_t request, const HeldNode& node, const AttributeChange& change) {
   if (change.Has(FUSE_SET_ATTR_SIZE) && ChangeSize(request, node, change)) return;
   auto& files = MountOf(request).Files();
   const auto error = ChangeTheRest(files, node, change, fuse_req_ctx(request)->pid);
   if (error != 0) return ReplyError(request, error);
-  ReplyAttributes(request, node.reference.Get());
+  ReplyAttributes(request, node.Fd());
 }
 
 // Hands the open file to the kernel. When the program has given up meanwhile, it is closed again.
@@ -193,16 +193,16 @@ void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* i
   auto file = std::make_unique<OpenFile>();
   file->fd = std::move(fd);
   file->node = &node;
-  file->item = files.ItemOf(node.File());
+  file->item = files.ItemOf(file->File());
   info->fh = reinterpret_cast<std::uint64_t>(file.get());
   // Otherwise the kernel empties the file's cache at every open, and for that the open waits for
   // the reads under way: the server of a Wine prefix would wait for its own provider.
   info->keep_cache = 1;
-  files.Opened(node.File(), thread);
+  files.Opened(file->File(), thread);
   const auto result = created == nullptr ? fuse_reply_open(request, info)
                                          : fuse_reply_create(request, created, info);
   if (result == -ENOENT) {
-    files.Closed(node.File(), thread);
+    files.Closed(file->File(), thread);
   } else {
     static_cast<void>(file.release());
   }
@@ -234,7 +234,7 @@ void SetAttributes(fuse_req_t request, fuse_ino_t id, struct stat* values, int w
   if (id == kWhoAmINode) return ReplyError(request, EACCES);
   AttributeChange change{*values, which, std::nullopt};
   if (info != nullptr) change.info = *info;
-  ApplyChange(request, NodeOf(request, id), change);
+  ApplyChange(request, Hold(request, id), change);
 }
 
 void Open(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
@@ -243,20 +243,20 @@ void Open(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
     fuse_reply_open(request, info);
     return;
   }
-  auto& node = NodeOf(request, id);
+  const auto node = Hold(request, id);
   UniqueFd fd;
-  const auto error = OpenData(node.reference.Get(), info->flags & ~kOwnFlags, fd);
+  const auto error = OpenData(node.Fd(), info->flags & ~kOwnFlags, fd);
   if (error != 0) return ReplyError(request, error);
-  GiveOpenFile(request, node, std::move(fd), info, nullptr);
+  GiveOpenFile(request, *node.node, std::move(fd), info, nullptr);
 }
 
 void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
             fuse_file_info* info) {
   if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
   auto& mount = MountOf(request);
-  auto& parent = mount.NodeOf(folder);
+  const auto parent = Hold(request, folder);
   const auto flags = (info->flags & ~(kOwnFlags & ~(O_CREAT | O_EXCL))) | O_CREAT | O_CLOEXEC;
-  UniqueFd fd(openat(parent.reference.Get(), name, flags | O_NOFOLLOW, mode));
+  UniqueFd fd(openat(parent.Fd(), name, flags | O_NOFOLLOW, mode));
   if (!fd) return ReplyError(request, errno);
   fuse_entry_param entry{};
   const auto error = LookUp(mount, parent, name, entry);
@@ -286,7 +286,7 @@ void Flush(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
 void Release(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
   if (id == kWhoAmINode) return ReplyError(request, 0);
   const std::unique_ptr<OpenFile> file(&OpenFileOf(*info));
-  MountOf(request).Files().Closed(file->node->File(), fuse_req_ctx(request)->pid);
+  MountOf(request).Files().Closed(file->File(), fuse_req_ctx(request)->pid);
   file->fd.Reset();
   ReplyError(request, 0);
 }

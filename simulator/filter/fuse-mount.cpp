@@ -26,32 +26,6 @@ std::string WhyNoFuse() {
   return device ? std::string() : std::string("/dev/fuse: ") + std::strerror(errno);
 }
 
-Node* NodeTable::Intern(UniqueFd reference, const struct stat& facts) {
-  std::lock_guard lock(mutex_);
-  auto& node = nodes_[{facts.st_ino, facts.st_dev}];
-  if (node == nullptr) {
-    node = std::make_unique<Node>();
-    node->reference = std::move(reference);
-    node->inode = facts.st_ino;
-    node->device = facts.st_dev;
-  }
-  ++node->lookups;
-  return node.get();
-}
-
-void NodeTable::Forget(Node* node, std::uint64_t lookups) {
-  std::lock_guard lock(mutex_);
-  node->lookups -= std::min(lookups, node->lookups);
-  if (node->lookups == 0) nodes_.erase({node->inode, node->device});
-}
-
-std::optional<fuse_ino_t> NodeTable::IdOf(ino_t inode) {
-  std::lock_guard lock(mutex_);
-  const auto found = nodes_.lower_bound({inode, 0});
-  if (found == nodes_.end() || found->first.first != inode) return std::nullopt;
-  return reinterpret_cast<fuse_ino_t>(found->second.get());
-}
-
 FuseMount::Debt::Debt(FuseMount& mount) : mount_(mount) {
   std::lock_guard lock(mount_.debtMutex_);
   ++mount_.debts_;
@@ -69,10 +43,12 @@ std::shared_ptr<FuseMount> FuseMount::Create(Core& core, const RootPtr& root, st
 }
 
 FuseMount::FuseMount(Core& core, const RootPtr& root)
-    : core_(core), root_(root), files_(core, root), stop_(eventfd(0, EFD_CLOEXEC)) {
-  rootNode_.reference.Reset(openat(root->folder.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  rootNode_.inode = root->inode;
-}
+    : core_(core),
+      root_(root),
+      files_(core, root),
+      nodes_(UniqueFd(openat(root->folder.Get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
+             root->inode, core.options.idleFiles),
+      stop_(eventfd(0, EFD_CLOEXEC)) {}
 
 bool FuseMount::Mount(std::string& error) {
   std::string program = "cloud-filterd";
@@ -155,9 +131,10 @@ void FuseMount::WorkOnInvalidations() {
     const auto inode = invalidations_.front();
     invalidations_.pop_front();
     lock.unlock();
-    const auto id =
-        inode == rootNode_.inode ? std::optional<fuse_ino_t>(FUSE_ROOT_ID) : nodes_.IdOf(inode);
-    if (id) fuse_lowlevel_notify_inval_inode(session_, *id, 0, 0);
+    const auto* node = nodes_.Find(inode);
+    if (node != nullptr) {
+      fuse_lowlevel_notify_inval_inode(session_, reinterpret_cast<fuse_ino_t>(node), 0, 0);
+    }
     lock.lock();
     ++invalidationsDone_;
     invalidationChanged_.notify_all();
@@ -165,7 +142,7 @@ void FuseMount::WorkOnInvalidations() {
 }
 
 Node& FuseMount::NodeOf(fuse_ino_t id) {
-  return id == FUSE_ROOT_ID ? rootNode_ : *reinterpret_cast<Node*>(id);
+  return id == FUSE_ROOT_ID ? nodes_.Root() : *reinterpret_cast<Node*>(id);
 }
 
 }  // namespace cloud_filter

@@ -7,45 +7,18 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "core.h"
 #include "file-service.h"
+#include "node-table.h"
 #include "unique-fd.h"
 
 namespace cloud_filter {
-
-// A file or folder that the kernel knows.
-struct Node {
-  UniqueFd reference;
-  ino_t inode = 0;
-  dev_t device = 0;
-  std::uint64_t lookups = 0;
-
-  [[nodiscard]] FileRef File() const { return {reference.Get(), inode}; }
-};
-
-// The nodes of a mount. Each keeps its file open as a reference until the kernel forgets it, so an
-// inode number stays true and renames need no bookkeeping.
-class NodeTable {
- public:
-  // Takes the reference over, or drops it when the file is known; counts one look-up.
-  Node* Intern(UniqueFd reference, const struct stat& facts);
-  void Forget(Node* node, std::uint64_t lookups);
-  // The kernel's name for a file, if it has one.
-  std::optional<fuse_ino_t> IdOf(ino_t inode);
-
- private:
-  std::mutex mutex_;
-  std::map<std::pair<ino_t, dev_t>, std::unique_ptr<Node>> nodes_;
-};
 
 // Mounts a sync root over its own folder and serves it. Programs see the folder's files; what is
 // missing is fetched when it is read.
@@ -61,7 +34,6 @@ class FuseMount : public FrontEnd {
 
   [[nodiscard]] FileService& Files() { return files_; }
   [[nodiscard]] NodeTable& Nodes() { return nodes_; }
-  [[nodiscard]] Node& RootNode() { return rootNode_; }
   [[nodiscard]] const Root& TheRoot() const { return *root_; }
   Node& NodeOf(fuse_ino_t id);
 
@@ -87,7 +59,6 @@ class FuseMount : public FrontEnd {
   RootPtr root_;
   FileService files_;
   NodeTable nodes_;
-  Node rootNode_;
   fuse_session* session_ = nullptr;
   UniqueFd stop_;
   std::vector<std::thread> workers_;

@@ -36,22 +36,22 @@ std::string BelowRoot(const FuseMount& mount, const std::string& path) {
 
 // A name that is about to be removed or moved, held so that the file keeps its identity.
 struct Victim {
-  UniqueFd reference;
+  Reference reference;
   struct stat facts {};
   ItemPtr item;
 
-  [[nodiscard]] FileRef File() const { return {reference.Get(), facts.st_ino}; }
+  [[nodiscard]] FileRef File() const { return {reference->Get(), facts.st_ino}; }
 };
 
-int Hold(FuseMount& mount, const Node& folder, const char* name, Victim& victim) {
-  victim.reference.Reset(openat(folder.reference.Get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  if (!victim.reference) return errno;
-  if (fstat(victim.reference.Get(), &victim.facts) != 0) return errno;
+int Seize(FuseMount& mount, const HeldNode& folder, const char* name, Victim& victim) {
+  UniqueFd file(openat(folder.Fd(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!file || fstat(file.Get(), &victim.facts) != 0) return errno;
+  victim.reference = std::make_shared<UniqueFd>(std::move(file));
   victim.item = mount.Files().ItemOf(victim.File());
   return 0;
 }
 
-void ReplyEntry(fuse_req_t request, Node& folder, const char* name) {
+void ReplyEntry(fuse_req_t request, const HeldNode& folder, const char* name) {
   fuse_entry_param entry{};
   const auto error = LookUp(MountOf(request), folder, name, entry);
   if (error != 0) return ReplyError(request, error);
@@ -61,14 +61,15 @@ void ReplyEntry(fuse_req_t request, Node& folder, const char* name) {
 void Remove(fuse_req_t request, fuse_ino_t folder, const char* name, int flags) {
   if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
   auto& mount = MountOf(request);
-  auto& parent = mount.NodeOf(folder);
+  const auto parent = Hold(request, folder);
   auto victim = std::make_shared<Victim>();
-  if (const auto error = Hold(mount, parent, name, *victim)) return ReplyError(request, error);
+  if (const auto error = Seize(mount, parent, name, *victim)) return ReplyError(request, error);
   const auto thread = fuse_req_ctx(request)->pid;
-  const auto finish = [=, &mount, &parent, leaf = std::string(name)](int error) {
-    const auto path = Join(PathOf(parent.reference.Get()), leaf.c_str());
-    if (error == 0 && unlinkat(parent.reference.Get(), leaf.c_str(), flags) != 0) error = errno;
+  const auto finish = [=, &mount, leaf = std::string(name)](int error) {
+    const auto path = Join(PathOf(parent.Fd()), leaf.c_str());
+    if (error == 0 && unlinkat(parent.Fd(), leaf.c_str(), flags) != 0) error = errno;
     if (error == 0) {
+      mount.Nodes().Unlinked(victim->facts, victim->reference);
       mount.Files().Deleted(victim->item, victim->facts.st_ino, BelowRoot(mount, path), thread);
     }
     ReplyError(request, error);
@@ -80,27 +81,37 @@ void Remove(fuse_req_t request, fuse_ino_t folder, const char* name, int flags) 
 }
 
 struct Move {
-  Node* from = nullptr;
+  HeldNode from;
   std::string name;
-  Node* to = nullptr;
+  HeldNode to;
   std::string newName;
   unsigned flags = 0;
   pid_t thread = 0;
   Victim moved;
 };
 
+void NoteNewPlaces(FuseMount& mount, const Move& move, const Victim* replaced) {
+  auto& nodes = mount.Nodes();
+  nodes.Moved(move.moved.facts, *move.to.node, move.newName);
+  if (replaced == nullptr || replaced->facts.st_ino == move.moved.facts.st_ino) return;
+  if ((move.flags & RENAME_EXCHANGE) != 0) {
+    nodes.Moved(replaced->facts, *move.from.node, move.name);
+    return;
+  }
+  nodes.Unlinked(replaced->facts, replaced->reference);
+  if (replaced->item != nullptr) mount.Files().Replaced(replaced->File());
+}
+
 int DoMove(FuseMount& mount, const Move& move) {
-  const auto source = Join(PathOf(move.from->reference.Get()), move.name.c_str());
+  const auto source = Join(PathOf(move.from.Fd()), move.name.c_str());
   Victim replaced;
-  const auto replaces = Hold(mount, *move.to, move.newName.c_str(), replaced) == 0;
-  if (renameat2(move.from->reference.Get(), move.name.c_str(), move.to->reference.Get(),
-                move.newName.c_str(), move.flags) != 0) {
+  const auto replaces = Seize(mount, move.to, move.newName.c_str(), replaced) == 0;
+  if (renameat2(move.from.Fd(), move.name.c_str(), move.to.Fd(), move.newName.c_str(),
+                move.flags) != 0) {
     return errno;
   }
-  const auto stays =
-      (move.flags & RENAME_EXCHANGE) != 0 || replaced.facts.st_ino == move.moved.facts.st_ino;
-  if (replaces && !stays && replaced.item != nullptr) mount.Files().Replaced(replaced.File());
-  mount.Files().Renamed(move.moved.item, source, move.to->File(), move.thread);
+  NoteNewPlaces(mount, move, replaces ? &replaced : nullptr);
+  mount.Files().Renamed(move.moved.item, source, move.to.File(), move.thread);
   return 0;
 }
 
@@ -141,13 +152,14 @@ bool IsDots(const char* name) {
 
 }  // namespace
 
-int LookUp(FuseMount& mount, Node& folder, const char* name, fuse_entry_param& entry) {
-  UniqueFd reference(openat(folder.reference.Get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+int LookUp(FuseMount& mount, const HeldNode& folder, const char* name, fuse_entry_param& entry) {
+  UniqueFd reference(openat(folder.Fd(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!reference) return errno;
   if (fstatat(reference.Get(), "", &entry.attr, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) != 0) {
     return errno;
   }
-  entry.ino = reinterpret_cast<fuse_ino_t>(mount.Nodes().Intern(std::move(reference), entry.attr));
+  entry.ino = reinterpret_cast<fuse_ino_t>(
+      mount.Nodes().Intern(*folder.node, name, std::move(reference), entry.attr));
   return 0;
 }
 
@@ -159,12 +171,12 @@ void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
     fuse_reply_entry(request, &entry);
     return;
   }
-  ReplyEntry(request, NodeOf(request, folder), name);
+  ReplyEntry(request, Hold(request, folder), name);
 }
 
 void Forget(fuse_req_t request, fuse_ino_t id, std::uint64_t lookups) {
   if (id != FUSE_ROOT_ID && id != kWhoAmINode) {
-    MountOf(request).Nodes().Forget(&NodeOf(request, id), lookups);
+    MountOf(request).Nodes().Forget(MountOf(request).NodeOf(id), lookups);
   }
   fuse_reply_none(request);
 }
@@ -172,22 +184,22 @@ void Forget(fuse_req_t request, fuse_ino_t id, std::uint64_t lookups) {
 void ForgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* forgets) {
   for (std::size_t i = 0; i < count; ++i) {
     if (forgets[i].ino == FUSE_ROOT_ID || forgets[i].ino == kWhoAmINode) continue;
-    MountOf(request).Nodes().Forget(&NodeOf(request, forgets[i].ino), forgets[i].nlookup);
+    MountOf(request).Nodes().Forget(MountOf(request).NodeOf(forgets[i].ino), forgets[i].nlookup);
   }
   fuse_reply_none(request);
 }
 
 void MakeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, dev_t device) {
   if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
-  auto& parent = NodeOf(request, folder);
-  if (mknodat(parent.reference.Get(), name, mode, device) != 0) return ReplyError(request, errno);
+  const auto parent = Hold(request, folder);
+  if (mknodat(parent.Fd(), name, mode, device) != 0) return ReplyError(request, errno);
   ReplyEntry(request, parent, name);
 }
 
 void MakeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) {
   if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
-  auto& parent = NodeOf(request, folder);
-  if (mkdirat(parent.reference.Get(), name, mode) != 0) return ReplyError(request, errno);
+  const auto parent = Hold(request, folder);
+  if (mkdirat(parent.Fd(), name, mode) != 0) return ReplyError(request, errno);
   ReplyEntry(request, parent, name);
 }
 
@@ -204,17 +216,17 @@ void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
   if (IsWhoAmI(folder, name) || IsWhoAmI(newFolder, newName)) return ReplyError(request, EACCES);
   auto& mount = MountOf(request);
   auto move = std::make_shared<Move>();
-  move->from = &mount.NodeOf(folder);
+  move->from = Hold(request, folder);
   move->name = name;
-  move->to = &mount.NodeOf(newFolder);
+  move->to = Hold(request, newFolder);
   move->newName = newName;
   move->flags = flags;
   move->thread = fuse_req_ctx(request)->pid;
-  if (const auto error = Hold(mount, *move->from, name, move->moved)) {
+  if (const auto error = Seize(mount, move->from, name, move->moved)) {
     return ReplyError(request, error);
   }
   if (move->moved.item == nullptr) return ReplyError(request, DoMove(mount, *move));
-  const auto target = Join(PathOf(move->to->reference.Get()), newName);
+  const auto target = Join(PathOf(move->to.Fd()), newName);
   auto debt = std::make_shared<FuseMount::Debt>(mount);
   mount.Files().AskRename(move->moved.File(), target, AboutToWait(request),
                           [request, &mount, move, debt](int error) {
@@ -224,26 +236,25 @@ void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
 
 void SymbolicLink(fuse_req_t request, const char* target, fuse_ino_t folder, const char* name) {
   if (IsWhoAmI(folder, name)) return ReplyError(request, EACCES);
-  auto& parent = NodeOf(request, folder);
-  if (symlinkat(target, parent.reference.Get(), name) != 0) return ReplyError(request, errno);
+  const auto parent = Hold(request, folder);
+  if (symlinkat(target, parent.Fd(), name) != 0) return ReplyError(request, errno);
   ReplyEntry(request, parent, name);
 }
 
 void HardLink(fuse_req_t request, fuse_ino_t id, fuse_ino_t newFolder, const char* newName) {
   if (id == kWhoAmINode || IsWhoAmI(newFolder, newName)) return ReplyError(request, EACCES);
-  auto& node = NodeOf(request, id);
+  const auto node = Hold(request, id);
   // Documented: links to placeholders only where the policy allows them.
   if (!MountOf(request).Files().HardLinkAllowed(node.File())) return ReplyError(request, EPERM);
-  auto& parent = NodeOf(request, newFolder);
-  if (linkat(AT_FDCWD, ProcPath(node.reference.Get()).c_str(), parent.reference.Get(), newName,
-             AT_SYMLINK_FOLLOW) != 0) {
+  const auto parent = Hold(request, newFolder);
+  if (linkat(AT_FDCWD, ProcPath(node.Fd()).c_str(), parent.Fd(), newName, AT_SYMLINK_FOLLOW) != 0) {
     return ReplyError(request, errno);
   }
   ReplyEntry(request, parent, newName);
 }
 
 void OpenFolder(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
-  UniqueFd fd(openat(NodeOf(request, id).reference.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(openat(Hold(request, id).Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) return ReplyError(request, errno);
   auto folder = std::make_unique<OpenedFolder>();
   folder->listing.reset(fdopendir(fd.Get()));
@@ -266,7 +277,7 @@ void ReadFolder(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
 void ReadFolderPlus(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t offset,
                     fuse_file_info* info) {
   auto& mount = MountOf(request);
-  auto& folder = mount.NodeOf(id);
+  const auto folder = Hold(request, id);
   List(request, size, offset, info, [&](char* at, std::size_t room, const dirent& entry) {
     fuse_entry_param found{};
     found.attr.st_ino = entry.d_ino;
@@ -275,7 +286,7 @@ void ReadFolderPlus(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t o
     if (!IsDots(entry.d_name)) LookUp(mount, folder, entry.d_name, found);
     const auto needed =
         fuse_add_direntry_plus(request, at, room, entry.d_name, &found, entry.d_off);
-    if (needed > room && found.ino != 0) mount.Nodes().Forget(&mount.NodeOf(found.ino), 1);
+    if (needed > room && found.ino != 0) mount.Nodes().Forget(mount.NodeOf(found.ino), 1);
     return needed;
   });
 }

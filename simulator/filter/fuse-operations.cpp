@@ -17,7 +17,13 @@ FuseMount& MountOf(fuse_req_t request) {
   return *static_cast<FuseMount*>(fuse_req_userdata(request));
 }
 
-Node& NodeOf(fuse_req_t request, fuse_ino_t id) { return MountOf(request).NodeOf(id); }
+HeldNode Hold(fuse_req_t request, fuse_ino_t id) {
+  auto& mount = MountOf(request);
+  auto& node = mount.NodeOf(id);
+  auto reference = mount.Nodes().Open(node);
+  if (reference == nullptr) throw FileError(errno == ENOENT ? ESTALE : errno);
+  return {&node, std::move(reference)};
+}
 
 namespace {
 
@@ -82,13 +88,12 @@ void GetAttributes(fuse_req_t request, fuse_ino_t id, fuse_file_info*) {
     fuse_reply_attr(request, &facts, 0);
     return;
   }
-  ReplyAttributes(request, NodeOf(request, id).reference.Get());
+  ReplyAttributes(request, Hold(request, id).Fd());
 }
 
 void ReadLink(fuse_req_t request, fuse_ino_t id) {
   char target[PATH_MAX + 1];
-  const auto length =
-      readlinkat(NodeOf(request, id).reference.Get(), "", target, sizeof target - 1);
+  const auto length = readlinkat(Hold(request, id).Fd(), "", target, sizeof target - 1);
   if (length < 0) return ReplyError(request, errno);
   target[length] = '\0';
   fuse_reply_readlink(request, target);
@@ -117,7 +122,8 @@ void ReplyExtended(fuse_req_t request, std::size_t size, Get get) {
 
 void GetExtended(fuse_req_t request, fuse_ino_t id, const char* name, std::size_t size) {
   if (id == kWhoAmINode) return ReplyError(request, ENODATA);
-  const auto path = ProcPath(NodeOf(request, id).reference.Get());
+  const auto node = Hold(request, id);
+  const auto path = ProcPath(node.Fd());
   ReplyExtended(request, size, [&](char* buffer, std::size_t room) {
     return getxattr(path.c_str(), name, buffer, room);
   });
@@ -125,13 +131,14 @@ void GetExtended(fuse_req_t request, fuse_ino_t id, const char* name, std::size_
 
 void ListExtended(fuse_req_t request, fuse_ino_t id, std::size_t size) {
   if (id == kWhoAmINode) return ReplyError(request, ENOTSUP);
-  const auto path = ProcPath(NodeOf(request, id).reference.Get());
+  const auto node = Hold(request, id);
+  const auto path = ProcPath(node.Fd());
   ReplyExtended(request, size, [&](char* buffer, std::size_t room) {
     return listxattr(path.c_str(), buffer, room);
   });
 }
 
-void DosAttributesChanged(fuse_req_t request, const Node& node) {
+void DosAttributesChanged(fuse_req_t request, const HeldNode& node) {
   MountOf(request).Files().MetadataChanged(
       node.File(), policy::kTrackFileHidden | policy::kTrackFileSystem,
       policy::kTrackDirectoryHidden | policy::kTrackDirectorySystem, fuse_req_ctx(request)->pid);
@@ -140,8 +147,8 @@ void DosAttributesChanged(fuse_req_t request, const Node& node) {
 void SetExtended(fuse_req_t request, fuse_ino_t id, const char* name, const char* value,
                  std::size_t size, int flags) {
   if (id == kWhoAmINode) return ReplyError(request, EACCES);
-  auto& node = NodeOf(request, id);
-  const auto path = ProcPath(node.reference.Get());
+  const auto node = Hold(request, id);
+  const auto path = ProcPath(node.Fd());
   if (setxattr(path.c_str(), name, value, size, flags) != 0) return ReplyError(request, errno);
   if (std::strcmp(name, kDosAttributes) == 0) DosAttributesChanged(request, node);
   ReplyError(request, 0);
@@ -149,8 +156,8 @@ void SetExtended(fuse_req_t request, fuse_ino_t id, const char* name, const char
 
 void RemoveExtended(fuse_req_t request, fuse_ino_t id, const char* name) {
   if (id == kWhoAmINode) return ReplyError(request, EACCES);
-  auto& node = NodeOf(request, id);
-  const auto path = ProcPath(node.reference.Get());
+  const auto node = Hold(request, id);
+  const auto path = ProcPath(node.Fd());
   if (removexattr(path.c_str(), name) != 0) return ReplyError(request, errno);
   if (std::strcmp(name, kDosAttributes) == 0) DosAttributesChanged(request, node);
   ReplyError(request, 0);
@@ -165,6 +172,8 @@ struct Safe<Handler> {
   static void Call(fuse_req_t request, Arguments... arguments) {
     try {
       Handler(request, arguments...);
+    } catch (const FileError& error) {
+      fuse_reply_err(request, error.Error());
     } catch (const std::exception& error) {
       std::fprintf(stderr, "cloud-filterd: a file operation failed: %s\n", error.what());
       fuse_reply_err(request, EIO);

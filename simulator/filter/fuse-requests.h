@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,7 +17,28 @@
 namespace cloud_filter::fuse {
 
 FuseMount& MountOf(fuse_req_t request);
-Node& NodeOf(fuse_req_t request, fuse_ino_t id);
+
+// The error of a request whose file is not there any more.
+class FileError : public std::exception {
+ public:
+  explicit FileError(int error) : error_(error) {}
+  [[nodiscard]] int Error() const { return error_; }
+  [[nodiscard]] const char* what() const noexcept override { return "the file is gone"; }
+
+ private:
+  int error_;
+};
+
+// A node and its file, held open for as long as this exists.
+struct HeldNode {
+  Node* node = nullptr;
+  Reference reference;
+
+  [[nodiscard]] int Fd() const { return reference->Get(); }
+  [[nodiscard]] FileRef File() const { return {reference->Get(), node->inode}; }
+};
+// Throws FileError.
+HeldNode Hold(fuse_req_t request, fuse_ino_t id);
 
 // Names a request that is about to wait, so that the kernel's interrupt finds it.
 Waiting AboutToWait(fuse_req_t request);
@@ -27,7 +49,7 @@ void ReplyError(fuse_req_t request, int error);
 void ReplyAttributes(fuse_req_t request, int reference);
 
 // Finds `name` in a folder: counts the look-up and fills `entry`. 0 or an errno.
-int LookUp(FuseMount& mount, Node& folder, const char* name, fuse_entry_param& entry);
+int LookUp(FuseMount& mount, const HeldNode& folder, const char* name, fuse_entry_param& entry);
 bool IsWhoAmI(fuse_ino_t folder, const char* name);
 struct stat WhoAmIAttributes();
 
@@ -53,6 +75,8 @@ struct OpenFile {
   Node* node = nullptr;
   ItemPtr item;  // as it was when the file was opened; tells about a deleted one
   FailedRead failedRead;
+
+  [[nodiscard]] FileRef File() const { return {fd.Get(), node->inode}; }
 };
 OpenFile& OpenFileOf(const fuse_file_info& info);
 

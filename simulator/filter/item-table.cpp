@@ -116,20 +116,27 @@ void ItemTable::SaveQuietly(Item& item) {
 
 void ItemTable::Forget(const Root& root, ino_t inode, bool unlinked) {
   const Key key{root.record.id, inode};
-  const auto known = items_.find(key);
-  if (known != items_.end() && known->second != nullptr) {
-    known->second->deleted = true;
-    std::erase_if(unlinkedKeys_, [](const auto& entry) { return entry.second.expired(); });
-    if (keys_.erase(known->second->transferKey) != 0 && unlinked) {
-      unlinkedKeys_[known->second->transferKey] = known->second;
-    }
+  const auto number = transferKeys_.find(key);
+  if (number != transferKeys_.end()) {
+    if (!unlinked) byTransferKey_.erase(number->second);
+    if (!unlinked) heldKeys_.erase(number->second);
+    transferKeys_.erase(number);
   }
-  if (known != items_.end()) items_.erase(known);
+  const auto known = items_.find(key);
+  if (known != items_.end()) {
+    if (known->second != nullptr) known->second->deleted = true;
+    items_.erase(known);
+  }
   store_.RemoveItem(key.root, key.inode);
 }
 
 void ItemTable::ForgetRoot(const Root& root) {
-  std::erase_if(keys_, [&](const auto& entry) { return entry.second->root.get() == &root; });
+  std::erase_if(heldKeys_, [&](const auto& entry) { return entry.second->root.get() == &root; });
+  std::erase_if(transferKeys_, [&](const auto& entry) {
+    if (entry.first.root != root.record.id) return false;
+    byTransferKey_.erase(entry.second);
+    return true;
+  });
   std::erase_if(items_, [&](auto& entry) {
     if (entry.first.root != root.record.id) return false;
     if (entry.second != nullptr) entry.second->deleted = true;
@@ -138,23 +145,32 @@ void ItemTable::ForgetRoot(const Root& root) {
 }
 
 std::int64_t ItemTable::TransferKeyOf(const ItemPtr& item) {
-  if (item->transferKey == 0) {
-    // Keys of an earlier life of this process are not to be mistaken for ours.
-    if (nextKey_ == 0) nextKey_ = std::chrono::system_clock::now().time_since_epoch().count() | 1;
+  if (item->transferKey != 0) return item->transferKey;
+  // Keys of an earlier life of this process are not to be mistaken for ours.
+  if (nextKey_ == 0) nextKey_ = std::chrono::system_clock::now().time_since_epoch().count() | 1;
+  if (item->deleted) {
     item->transferKey = nextKey_++;
-    if (item->deleted) {
-      unlinkedKeys_[item->transferKey] = item;
-    } else {
-      keys_[item->transferKey] = item;
-    }
+  } else {
+    const auto [number, isNew] = transferKeys_.try_emplace(KeyOf(*item), nextKey_);
+    if (isNew) ++nextKey_;
+    item->transferKey = number->second;
   }
+  byTransferKey_[item->transferKey] = item;
   return item->transferKey;
 }
 
 ItemPtr ItemTable::ByTransferKey(std::int64_t key) {
-  if (const auto found = keys_.find(key); found != keys_.end()) return found->second;
-  const auto found = unlinkedKeys_.find(key);
-  return found == unlinkedKeys_.end() ? nullptr : found->second.lock();
+  const auto found = byTransferKey_.find(key);
+  return found == byTransferKey_.end() ? nullptr : found->second.lock();
+}
+
+void ItemTable::HoldKey(const ItemPtr& item) { heldKeys_.emplace(TransferKeyOf(item), item); }
+
+bool ItemTable::ReleaseKey(std::int64_t key) {
+  const auto held = heldKeys_.find(key);
+  if (held == heldKeys_.end()) return false;
+  heldKeys_.erase(held);
+  return true;
 }
 
 void ItemTable::DropUnused() {
@@ -162,7 +178,8 @@ void ItemTable::DropUnused() {
   std::erase_if(items_, [](const auto& entry) {
     return entry.second == nullptr || entry.second.use_count() == 1;
   });
-  dropAt_ = items_.size() * 2 + 8192;
+  std::erase_if(byTransferKey_, [](const auto& entry) { return entry.second.expired(); });
+  dropAt_ = items_.size() + limit_;
 }
 
 }  // namespace cloud_filter

@@ -52,10 +52,12 @@ struct Item : std::enable_shared_from_this<Item> {
 };
 using ItemPtr = std::shared_ptr<Item>;
 
-// The placeholders in use, loaded from the store when first asked for. Guarded by the core's lock.
+// The placeholders in use, loaded from the store when first asked for. Each holds a descriptor, so
+// those that nobody uses are dropped beyond a limit. Guarded by the core's lock.
 class ItemTable {
  public:
-  explicit ItemTable(Store& store) : store_(store), usn_(store.HighestUsn()) {}
+  ItemTable(Store& store, std::size_t limit)
+      : store_(store), usn_(store.HighestUsn()), limit_(limit), dropAt_(limit) {}
   ItemTable(const ItemTable&) = delete;
   ItemTable& operator=(const ItemTable&) = delete;
 
@@ -77,8 +79,14 @@ class ItemTable {
   void Forget(const Root& root, ino_t inode, bool unlinked);
   void ForgetRoot(const Root& root);
 
+  // A file keeps its key for the life of this process.
   std::int64_t TransferKeyOf(const ItemPtr& item);
+  // Null when the key is unknown, or its file has been out of use.
   ItemPtr ByTransferKey(std::int64_t key);
+  // Keeps an item in use for as long as a client holds its key.
+  void HoldKey(const ItemPtr& item);
+  // False when nobody holds it.
+  bool ReleaseKey(std::int64_t key);
 
  private:
   struct Key {
@@ -91,18 +99,19 @@ class ItemTable {
       return static_cast<std::size_t>(key.inode) * 31 + static_cast<std::size_t>(key.root);
     }
   };
+  static Key KeyOf(const Item& item) { return {item.record.rootId, item.record.inode}; }
   void DropUnused();
 
   Store& store_;
   std::int64_t usn_;
+  const std::size_t limit_;
+  std::size_t dropAt_;
   // Null: known not to be a placeholder.
   std::unordered_map<Key, ItemPtr, HashKey> items_;
-  // A file keeps its key for the life of this process.
-  std::unordered_map<std::int64_t, ItemPtr> keys_;
-  // Held by those who still have the file open only: an item keeps its file's data on the disk.
-  std::unordered_map<std::int64_t, std::weak_ptr<Item>> unlinkedKeys_;
+  std::unordered_map<Key, std::int64_t, HashKey> transferKeys_;
+  std::unordered_map<std::int64_t, std::weak_ptr<Item>> byTransferKey_;
+  std::unordered_multimap<std::int64_t, ItemPtr> heldKeys_;
   std::int64_t nextKey_ = 0;
-  std::size_t dropAt_ = 8192;
 };
 
 }  // namespace cloud_filter

@@ -50,15 +50,17 @@ class StateLock {
   UniqueFd file_;
 };
 
-void RaiseFileLimit() {
-  // Each file that the kernel knows through a mount is kept open.
+// The more files may be open, the fewer are opened again and again. Programs' own come on top.
+std::size_t IdleFilesWithinLimit() {
   constexpr rlim_t kWanted = 1 << 20;
+  constexpr rlim_t kShare = 8;
+  constexpr rlim_t kMost = 1 << 14;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  const rlimit wanted{kWanted, std::max(kWanted, limit.rlim_max)};
-  if (setrlimit(RLIMIT_NOFILE, &wanted) == 0) return;
-  limit.rlim_cur = limit.rlim_max;
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min(kWanted, limit.rlim_max));
   setrlimit(RLIMIT_NOFILE, &limit);
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return std::min(limit.rlim_cur / kShare, kMost);
 }
 
 void WriteEndpoint(const std::filesystem::path& path, std::uint16_t port,
@@ -107,7 +109,7 @@ int Serve(Options options) {
                  static_cast<int>(lock.Holder()), options.state.c_str());
     return EXIT_FAILURE;
   }
-  RaiseFileLimit();
+  options.core.idleFiles = IdleFilesWithinLimit();
   if (options.core.mount) {
     if (const auto why = WhyNoFuse(); !why.empty()) {
       std::fprintf(stderr,

@@ -13,8 +13,7 @@
 namespace cloud_filter {
 namespace {
 
-// Files held open between their making and their naming.
-constexpr std::size_t kBatch = 256;
+constexpr std::size_t kMaxBatch = 256;
 constexpr std::size_t kMaxCachedFolders = 64;
 
 std::string FoldCase(std::string name) {
@@ -189,12 +188,14 @@ class PlaceholderService::Batch {
     return good;
   }
 
-  [[nodiscard]] bool IsFull() const { return prepared_.size() >= kBatch; }
+  [[nodiscard]] bool IsFull() const { return prepared_.size() >= limit_; }
 
  private:
   Core& core_;
   const Located& folder_;
   FolderNames& names_;
+  // Each holds its file open.
+  const std::size_t limit_ = std::clamp<std::size_t>(core_.options.idleFiles, 1, kMaxBatch);
   std::vector<Prepared> prepared_;
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,6 +56,8 @@ bool DaemonProcess::Start(const std::vector<std::string>& options, uid_t user) {
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
     if (user != 0 && (setgid(user) != 0 || setuid(user) != 0)) _exit(127);
+    const rlimit limit{openFiles_, openFiles_};
+    if (openFiles_ != 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(127);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() == parent) execv(raw[0], raw.data());
     _exit(127);

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ class DaemonProcess {
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
+  // At most this many open files from the next start on; 0: as many as the test may have.
+  void LimitOpenFiles(std::uint64_t limit) { openFiles_ = limit; }
   // True once it is ready. `user`: run as this user, where the test may choose.
   bool Start(const std::vector<std::string>& options = {}, uid_t user = 0);
   // Asks it to end; its exit code.
@@ -32,6 +35,7 @@ class DaemonProcess {
   [[nodiscard]] std::filesystem::path LogFile() const { return state_.string() + ".log"; }
 
   std::filesystem::path state_;
+  std::uint64_t openFiles_ = 0;
   pid_t id_ = 0;
 };
 
