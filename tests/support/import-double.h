@@ -25,6 +25,7 @@ template <std::size_t N>
 struct FixedText {
   char text[N]{};
   // Implicit on purpose: a literal is written directly as the template argument.
+  // NOLINTNEXTLINE(google-explicit-constructor)
   constexpr FixedText(const char (&source)[N]) { std::copy_n(source, N, text); }
 };
 

@@ -12,6 +12,16 @@ using corvdrive::cloud_filter::CldApi;
 using corvdrive::cloud_filter::ExchangeCldApi;
 
 constexpr ULONG_PTR kStatusPending = 0x103;
+constexpr USN kUsn = 1;
+
+// Writes an optional output; whether there was one.
+template <typename Output>
+bool Write(Output* output, Output value) {
+  if (output != nullptr) {
+    *output = value;
+  }
+  return output != nullptr;
+}
 
 }  // namespace
 
@@ -105,8 +115,9 @@ struct RecordingCloud::Table {
     for (DWORD i = 0; i < count; ++i) {
       call.entries.push_back(CopyEntry(entries[i]));
       entries[i].Result = Self().entryResult_;
-      entries[i].CreateUsn = 1;
+      entries[i].CreateUsn = kUsn;
     }
+    Write(processed, count);
     return Self().Enter(std::move(call));
   }
 
@@ -114,9 +125,10 @@ struct RecordingCloud::Table {
                                              CF_CONVERT_FLAGS flags, USN* usn,
                                              LPOVERLAPPED overlapped) {
     TestScope scope;
+    const bool hasUsn = Write(usn, kUsn);
     return Self().EnterOverlapped(
         ConvertToPlaceholderCall{file, Blob(identity, identityLength), identityLength, flags,
-                                 usn != nullptr, Overlapped(overlapped)},
+                                 hasUsn, Overlapped(overlapped)},
         overlapped);
   }
 
@@ -136,7 +148,7 @@ struct RecordingCloud::Table {
     }
     call.rangeCount = rangeCount;
     call.flags = flags;
-    call.hasUsn = usn != nullptr;
+    call.hasUsn = Write(usn, kUsn);
     call.overlapped = Overlapped(overlapped);
     return Self().EnterOverlapped(std::move(call), overlapped);
   }
@@ -175,7 +187,7 @@ struct RecordingCloud::Table {
   static HRESULT WINAPI SetInSyncState(HANDLE file, CF_IN_SYNC_STATE state,
                                        CF_SET_IN_SYNC_FLAGS flags, USN* usn) {
     TestScope scope;
-    return Self().Enter(SetInSyncStateCall{file, state, flags, usn != nullptr});
+    return Self().Enter(SetInSyncStateCall{file, state, flags, Write(usn, kUsn)});
   }
 
   static HRESULT WINAPI GetPlaceholderInfo(HANDLE file, CF_PLACEHOLDER_INFO_CLASS infoClass,

@@ -157,16 +157,16 @@ std::string TempFolder::ItemWithSlashes(std::string_view utf8Name) const {
 }
 
 std::string TempFolder::WriteFile(std::string_view utf8Name, std::string_view content) const {
-  const std::string path = Item(utf8Name);
+  std::string path = Item(utf8Name);
   OutputFile(Wide(path)).Write(content);
   return path;
 }
 
 std::string TempFolder::WriteLargeFile(std::string_view utf8Name, std::int64_t size) const {
-  const std::string path = Item(utf8Name);
+  std::string path = Item(utf8Name);
   OutputFile file(Wide(path));
   // A pattern whose period divides neither pages nor chunks, so that a misplaced range shows.
-  std::string pattern(1021 * 256, '\0');
+  std::string pattern(std::size_t{1021} * 256, '\0');
   for (std::size_t i = 0; i < pattern.size(); ++i) {
     pattern[i] = static_cast<char>(i % 1021 % 251 + 1);
   }
@@ -179,7 +179,7 @@ std::string TempFolder::WriteLargeFile(std::string_view utf8Name, std::int64_t s
 }
 
 std::string TempFolder::MakeFolder(std::string_view utf8Name) const {
-  const std::string path = Item(utf8Name);
+  std::string path = Item(utf8Name);
   if (!CreateDirectoryW(Extended(Wide(path)).c_str(), nullptr)) {
     throw std::runtime_error("a test folder cannot be created");
   }

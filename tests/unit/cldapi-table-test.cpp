@@ -4,10 +4,9 @@
 #include <windows.h>
 
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/support/import-double.h"
+#include "tests/support/threads.h"
 
 namespace nimbra_test {
 namespace {
@@ -48,7 +47,7 @@ TEST_F(MissingPlatformTest, EachUseTriesAgain) {
 }
 
 TEST_F(MissingPlatformTest, EveryFunctionThatHasAResultGivesTheErrorOfTheLoad) {
-  const HRESULT missing = static_cast<HRESULT>(0x8007007E);
+  const auto missing = static_cast<HRESULT>(0x8007007E);
   const CldApi& cloud = Cloud();
   const LARGE_INTEGER zero{};
   CF_CONNECTION_KEY key{};
@@ -97,14 +96,7 @@ TEST_F(MissingPlatformTest, TheOtherFunctionsGiveTheirQuietAnswer) {
 }
 
 TEST_F(MissingPlatformTest, ManyThreadsMayBeFirst) {
-  std::vector<std::thread> threads;
-  std::vector<HRESULT> results(8);
-  for (HRESULT& result : results) {
-    threads.emplace_back([&result] { result = Cloud().CfUnregisterSyncRoot(L""); });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto results = OnThreads(8, [](int) { return Cloud().CfUnregisterSyncRoot(L""); });
   EXPECT_THAT(results, testing::Each(static_cast<HRESULT>(0x8007007E)));
 }
 

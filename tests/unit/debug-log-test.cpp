@@ -7,13 +7,13 @@
 #include <clocale>
 #include <locale>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/heap-watch.h"
 #include "tests/support/import-double.h"
 #include "tests/support/log-capture.h"
 #include "tests/support/temp-folder.h"
+#include "tests/support/threads.h"
 
 namespace nimbra_test {
 namespace {
@@ -129,21 +129,20 @@ TEST_F(DebugLogTest, ReleasesItsBuffers) {
 }
 
 TEST_F(DebugLogTest, LinesOfManyThreadsDoNotMix) {
-  std::vector<std::thread> threads;
-  std::vector<std::string> expected;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([t] {
-      for (int i = 0; i < 50; ++i) {
-        Log(kSource, t, "thread ", t, " says ", i);
-      }
-    });
-    for (int i = 0; i < 50; ++i) {
-      expected.push_back(
-          ExpectedLine(kSource, t, "thread " + std::to_string(t) + " says " + std::to_string(i)));
+  constexpr int kLines = 50;
+  OnThreads(8, [](int thread) {
+    for (int i = 0; i < kLines; ++i) {
+      Log(kSource, thread, "thread ", thread, " says ", i);
     }
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
+    return 0;
+  });
+
+  std::vector<std::string> expected;
+  for (int thread = 0; thread < 8; ++thread) {
+    for (int i = 0; i < kLines; ++i) {
+      expected.push_back(ExpectedLine(
+          kSource, thread, "thread " + std::to_string(thread) + " says " + std::to_string(i)));
+    }
   }
   EXPECT_THAT(log_.Lines(), testing::UnorderedElementsAreArray(expected));
 }

@@ -11,6 +11,7 @@
 #include "tests/support/file-watch.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
+#include "tests/support/raw-bytes.h"
 
 namespace nimbra_test {
 namespace {
@@ -72,7 +73,7 @@ TEST(VersionQueryTest, AsksForTheThreeVersionsWithTheDocumentedConditions) {
     version.dwOSVersionInfoSize = 284;
     version.dwMajorVersion = 10;
     version.dwBuildNumber = expected[i].build;
-    EXPECT_EQ(std::memcmp(&query.version, &version, sizeof(version)), 0);
+    EXPECT_EQ(RawBytes(query.version), RawBytes(version));
     EXPECT_EQ(query.typeMask, 7u);
     EXPECT_EQ(query.conditionMask, mask(expected[i].condition));
   }
@@ -235,7 +236,7 @@ TEST_F(ClosedGateDetailTest, WidePathQueryFollowsTheNarrowOnesGate) {
 
 TEST_F(ClosedGateDetailTest, GateComesBeforeTheNullHandleCheck) {
   windows_.Become(kBuildWithoutStreaming);
-  const HRESULT noInterface = static_cast<HRESULT>(0x80004002);
+  const auto noInterface = static_cast<HRESULT>(0x80004002);
 
   EXPECT_EQ(CORVWinCFSyncRootRegister(nullptr, "text"), noInterface);
   EXPECT_EQ(CORVWinCFSyncRootReregister(nullptr, "text"), noInterface);

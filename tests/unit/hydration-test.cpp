@@ -1,20 +1,19 @@
 #include <windows.h>
 
 #include <array>
-#include <cstring>
 #include <functional>
 #include <ostream>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "nimbra/nimbra.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/import-double.h"
 #include "tests/support/nimbra-test.h"
+#include "tests/support/raw-bytes.h"
 #include "tests/support/sync-root-handles.h"
+#include "tests/support/threads.h"
 #include "tests/unit/open-placeholder.h"
 
 namespace nimbra_test {
@@ -25,8 +24,7 @@ using OverlappedResultDouble =
     ImportDouble<"GetOverlappedResult", decltype(&::GetOverlappedResult)>;
 
 bool IsZeroed(const OVERLAPPED& overlapped) {
-  const OVERLAPPED zero{};
-  return std::memcmp(&overlapped, &zero, sizeof(zero)) == 0;
+  return RawBytes(overlapped) == RawBytes(OVERLAPPED{});
 }
 
 std::string HydrationLine(HRESULT result, HANDLE file) {
@@ -248,20 +246,14 @@ TEST_F(AsyncHydrationTest, ARecordOfARequestThatIsNotPendingIsFreedAtOnce) {
 
 TEST_F(AsyncHydrationTest, ManyThreadsStartAndFinishRequestsAtOnce) {
   cloud_.LeaveOverlappedPending(true);
-  std::vector<std::thread> threads;
-  std::vector<int> failures(8);
-  for (int& count : failures) {
-    threads.emplace_back([this, &count] {
-      const Placeholder own(path_);
-      count += CORVWinCFPlaceholderOpen(own.Get()) != 0;
-      for (int i = 0; i < 40; ++i) {
-        count += CORVWinCFPlaceholderHydrateAllAsync(own.Get()) != 0;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto failures = OnThreads(8, [this](int) {
+    const Placeholder own(path_);
+    int count = CORVWinCFPlaceholderOpen(own.Get()) != 0;
+    for (int i = 0; i < 40; ++i) {
+      count += CORVWinCFPlaceholderHydrateAllAsync(own.Get()) != 0;
+    }
+    return count;
+  });
   EXPECT_THAT(failures, testing::Each(0));
   std::set<OVERLAPPED*> records;
   for (const auto& call : cloud_.CallsOf<HydratePlaceholderCall>()) {
@@ -290,7 +282,7 @@ TEST_F(DehydrateTest, AnswersFailureEvenWhenTheDataWasDropped) {
 }
 
 TEST_F(DehydrateTest, WorksOnTheHandleBehindTheReferencedProtectedOne) {
-  const HANDLE win32 = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(0x7777));
+  auto* const win32 = reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(0x7777));
   cloud_.SetWin32Handle(win32);
 
   Dehydrate();

@@ -2,15 +2,15 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "nimbra/nimbra.h"
 #include "tests/support/file-watch.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
+#include "tests/support/raw-bytes.h"
 #include "tests/support/temp-folder.h"
 #include "tests/support/test-scope.h"
+#include "tests/support/threads.h"
 #include "tests/unit/open-placeholder.h"
 
 namespace nimbra_test {
@@ -121,20 +121,15 @@ TEST_F(PathQueryTest, NothingEscapesWhereverMemoryRunsOut) {
 
 TEST_F(PathQueryTest, ManyThreadsAskAtOnce) {
   cloud_.SetPlaceholder({.onDiskDataSize = 10});
-  std::vector<std::thread> threads;
-  std::vector<int> wrong(8);
-  for (int& count : wrong) {
-    threads.emplace_back([this, &count] {
-      for (int i = 0; i < 50; ++i) {
-        count += CORVWinCFIsPlaceholder(path_.c_str()) != 0;
-        count += CORVWinCFIsFullyHydrated(path_.c_str()) != 0;
-        count += CORVWinCFIsPlaceholder(absent_.c_str()) != -1;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto wrong = OnThreads(8, [this](int) {
+    int count = 0;
+    for (int i = 0; i < 50; ++i) {
+      count += CORVWinCFIsPlaceholder(path_.c_str()) != 0;
+      count += CORVWinCFIsFullyHydrated(path_.c_str()) != 0;
+      count += CORVWinCFIsPlaceholder(absent_.c_str()) != -1;
+    }
+    return count;
+  });
   EXPECT_THAT(wrong, testing::Each(0));
   EXPECT_EQ(files_.StillOpen(), 0);
 }
@@ -162,7 +157,7 @@ TEST_F(FindDataTest, HandsTheListingDataToThePlatformUnchanged) {
   CORVWinCFIsPlaceholderByFindData(&data);
 
   const auto call = cloud_.Only<GetPlaceholderStateFromFindDataCall>();
-  EXPECT_EQ(std::memcmp(&call.contents, &data, sizeof(data)), 0);
+  EXPECT_EQ(RawBytes(call.contents), RawBytes(data));
 }
 
 }  // namespace

@@ -156,7 +156,7 @@ TEST_F(PlaceholderCreateTest, LogsARefusedCallWithBothResults) {
 }
 
 TEST_F(PlaceholderCreateTest, FailsWhenOnlyTheEntryWasRefused) {
-  const HRESULT exists = static_cast<HRESULT>(0x800700B7);
+  const auto exists = static_cast<HRESULT>(0x800700B7);
   cloud_.SetEntryResult(exists);
 
   EXPECT_EQ(CORVWinCFPlaceholderCreate(placeholder_.Get(), "id", meta_.Get()), -1);
@@ -166,7 +166,7 @@ TEST_F(PlaceholderCreateTest, FailsWhenOnlyTheEntryWasRefused) {
 }
 
 TEST_F(PlaceholderCreateTest, LogsBothResultsWhenBothAreFailures) {
-  const HRESULT exists = static_cast<HRESULT>(0x800700B7);
+  const auto exists = static_cast<HRESULT>(0x800700B7);
   cloud_.SetEntryResult(exists);
   cloud_.FailNext(CloudFunction::CreatePlaceholders, kAccessDenied);
 

@@ -134,7 +134,7 @@ class FileIdentityTest : public OpenPlaceholderTest {
  protected:
   FileIdentityTest() { buffer_.fill(static_cast<char>(0xCC)); }
 
-  std::string Bytes(std::size_t length) const { return std::string(buffer_.data(), length); }
+  std::string Bytes(std::size_t length) const { return {buffer_.data(), length}; }
   bool UntouchedFrom(std::size_t offset) const {
     return Bytes(buffer_.size()).find_first_not_of('\xCC', offset) == std::string::npos;
   }

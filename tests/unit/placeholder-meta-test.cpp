@@ -3,19 +3,18 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <new>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 #include "nimbra-host/nimbra/handles.h"
 #include "nimbra/nimbra.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
+#include "tests/support/raw-bytes.h"
+#include "tests/support/threads.h"
 #include "tests/unit/open-placeholder.h"
 
 namespace nimbra_test {
@@ -41,10 +40,6 @@ class PlaceholderMetaTest : public OpenPlaceholderTest {
     cloud_.Clear();
     EXPECT_EQ(CORVWinCFPlaceholderUpdate(placeholder_.Get(), "id", meta), 0);
     return cloud_.Only<UpdatePlaceholderCall>().metadata.value();
-  }
-
-  static std::string Bytes(const CF_FS_METADATA& metadata) {
-    return std::string(reinterpret_cast<const char*>(&metadata), sizeof(metadata));
   }
 };
 
@@ -84,12 +79,12 @@ TEST_F(PlaceholderMetaTest, TheSizeIsPassedOnInAll64Bits) {
 TEST_F(PlaceholderMetaTest, TimesThatAreNotGivenStayZero) {
   const Metadata nothing(0, 0, 0, 0, 0, 0);
   const CF_FS_METADATA zero{};
-  EXPECT_EQ(Bytes(Sent(nothing.Get())), Bytes(zero));
+  EXPECT_EQ(RawBytes(Sent(nothing.Get())), RawBytes(zero));
 
   const Metadata one(0, 7, 0, 0, 0, 0);
   CF_FS_METADATA expected{};
   expected.BasicInfo.ChangeTime.QuadPart = kEpoch + 7 * kSecond;
-  EXPECT_EQ(Bytes(Sent(one.Get())), Bytes(expected));
+  EXPECT_EQ(RawBytes(Sent(one.Get())), RawBytes(expected));
 }
 
 struct TimeRow {
@@ -143,13 +138,13 @@ TEST(EmptyMetadataTest, GivesAnAllZeroRecordWhateverItHolds) {
   const CF_FS_METADATA record = meta.ToFsMetadata();
 
   const CF_FS_METADATA zero{};
-  EXPECT_EQ(std::memcmp(&record, &zero, sizeof(record)), 0);
+  EXPECT_EQ(RawBytes(record), RawBytes(zero));
 }
 
 class MetadataLifetimeTest : public NimbraTest {};
 
 TEST_F(MetadataLifetimeTest, NewGivesNullWhenTheWrapperCannotBeAllocated) {
-  CORVWinCFPlaceholderMetaHandle handle =
+  auto* handle =
       reinterpret_cast<CORVWinCFPlaceholderMetaHandle>(static_cast<std::uintptr_t>(0xCC));
   {
     HeapWatch heap;
@@ -222,21 +217,15 @@ TEST_F(MetadataLifetimeTest, ReleaseIgnoresAForeignWrapper) {
 
 TEST_F(MetadataLifetimeTest, ManyThreadsReadOneObjectAtOnce) {
   const Metadata meta(1, 2, 3, 4, 5, 0);
-  std::vector<std::thread> threads;
-  std::vector<int> failures(8);
-  for (int& count : failures) {
-    threads.emplace_back([&meta, &count] {
-      const Placeholder own("C:/Sync/file.txt");
-      for (int i = 0; i < 100; ++i) {
-        // The file is not there: the platform says so after it saw the entry.
-        count += CORVWinCFPlaceholderCreate(own.Get(), "id", meta.Get()) != -1;
-      }
-    });
-  }
   cloud_.Always(CloudFunction::CreatePlaceholders, kAccessDenied);
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto failures = OnThreads(8, [&meta](int) {
+    const Placeholder own("C:/Sync/file.txt");
+    int count = 0;
+    for (int i = 0; i < 100; ++i) {
+      count += CORVWinCFPlaceholderCreate(own.Get(), "id", meta.Get()) != -1;
+    }
+    return count;
+  });
   EXPECT_THAT(failures, testing::Each(0));
   for (const auto& call : cloud_.CallsOf<CreatePlaceholdersCall>()) {
     ASSERT_EQ(call.entries.at(0).metadata.FileSize.QuadPart, 5);

@@ -1,12 +1,12 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <cstring>
 #include <string>
 
 #include "nimbra/nimbra.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
+#include "tests/support/raw-bytes.h"
 #include "tests/support/sync-root-handles.h"
 #include "tests/unit/open-placeholder.h"
 
@@ -54,7 +54,7 @@ TEST_F(PlaceholderUpdateTest, WithoutMetadataSendsAnAllZeroRecord) {
   const auto call = cloud_.Only<UpdatePlaceholderCall>();
   ASSERT_TRUE(call.metadata.has_value());
   const CF_FS_METADATA zero{};
-  EXPECT_EQ(std::memcmp(&*call.metadata, &zero, sizeof(zero)), 0);
+  EXPECT_EQ(RawBytes(*call.metadata), RawBytes(zero));
   EXPECT_EQ(call.identity, "id");
   EXPECT_EQ(call.flags, CF_UPDATE_FLAG_MARK_IN_SYNC);
 }

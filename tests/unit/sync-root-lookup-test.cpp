@@ -2,13 +2,12 @@
 
 #include <array>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "nimbra/nimbra.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
 #include "tests/support/temp-folder.h"
+#include "tests/support/threads.h"
 
 namespace nimbra_test {
 namespace {
@@ -26,7 +25,7 @@ class SyncRootIdentityTest : public NimbraTest {
     while (length > 0 && buffer_[length - 1] == static_cast<char>(0xCC)) {
       --length;
     }
-    return std::string(buffer_.data(), length);
+    return {buffer_.data(), length};
   }
 
   std::array<char, 70000> buffer_;
@@ -219,22 +218,17 @@ TEST_F(ProviderTest, AnswersManyThreadsAtOnce) {
   cloud_.SetSyncRoot({"identity"});
   constexpr int kThreads = 8;
   constexpr int kCalls = 50;
-  std::vector<std::thread> threads;
-  std::vector<int> failures(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kCalls; ++i) {
-        char identity[9] = {};
-        const bool right = CORVWinCFGetSyncRootIdentityByPath(kPath, identity) == 0 &&
-                           std::string(identity) == "identity" &&
-                           CORVWinCFIsPathUnderCorvDriveSyncRoot(kPath) == 0;
-        failures[static_cast<std::size_t>(t)] += right ? 0 : 1;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto failures = OnThreads(kThreads, [](int) {
+    int count = 0;
+    for (int i = 0; i < kCalls; ++i) {
+      char identity[9] = {};
+      const bool right = CORVWinCFGetSyncRootIdentityByPath(kPath, identity) == 0 &&
+                         std::string(identity) == "identity" &&
+                         CORVWinCFIsPathUnderCorvDriveSyncRoot(kPath) == 0;
+      count += right ? 0 : 1;
+    }
+    return count;
+  });
   EXPECT_THAT(failures, testing::Each(0));
   // Each line arrives whole.
   EXPECT_THAT(log_.Lines(),

@@ -5,11 +5,10 @@
 
 #include <ostream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/support/heap-watch.h"
 #include "tests/support/import-double.h"
+#include "tests/support/threads.h"
 
 namespace nimbra_test {
 namespace {
@@ -194,19 +193,15 @@ TEST(TextConversionTest, FreesItsBuffers) {
 }
 
 TEST(TextConversionTest, ManyThreadsConvertAtOnce) {
-  std::vector<std::thread> threads;
-  std::vector<int> wrong(8);
-  for (std::size_t t = 0; t < wrong.size(); ++t) {
-    threads.emplace_back([t, &wrong] {
-      const std::string utf8 = std::string(100 * t, 'x') + "\xF0\x9F\x98\x80";
-      for (int i = 0; i < 500; ++i) {
-        wrong[t] += WideToUtf8(Utf8ToWide(utf8.c_str()).c_str()) != utf8;
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto wrong = OnThreads(8, [](int thread) {
+    const std::string utf8 =
+        std::string(static_cast<std::size_t>(thread) * 100, 'x') + "\xF0\x9F\x98\x80";
+    int count = 0;
+    for (int i = 0; i < 500; ++i) {
+      count += WideToUtf8(Utf8ToWide(utf8.c_str()).c_str()) != utf8;
+    }
+    return count;
+  });
   EXPECT_THAT(wrong, testing::Each(0));
 }
 
