@@ -124,6 +124,9 @@ prepare() {
   if [[ -e $DEMO/running ]]; then
     die "The demo runs already, in '$DEMO'. End it with: ./demo.sh --stop"
   fi
+  trap stop_everything EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
   "$NIMBRA_SOURCE/scripts/setup.sh" --quiet demo 7>&-
   require_fuse
   local build="$NIMBRA_SOURCE/scripts/build.sh" logs="$NIMBRA_WORK/logs"
@@ -169,9 +172,6 @@ start_filter() {
   step "The cloud filter starts" \
     "On Windows it is part of the system; here a FUSE daemon stands in for it."
   : >"$DEMO/running"
-  trap stop_everything EXIT
-  trap 'exit 130' INT
-  trap 'exit 143' TERM
   setsid "$FILTER" --state "$DEMO/filter" >"$DEMO/filter.log" 2>&1 </dev/null 7>&- &
   if ! wait_for_line "$DEMO/filter.log" 'cloud-filterd: ready' 20; then
     tail -n 5 -- "$DEMO/filter.log" >&2
@@ -233,7 +233,7 @@ stop_filter() {
 stop_everything() {
   local point
   end_running
-  : >"$DEMO/stop"
+  [[ ! -d $DEMO ]] || : >"$DEMO/stop"
   "$NIMBRA_SOURCE/scripts/wine-prefix.sh" --stop-all >/dev/null 2>&1 7>&- || true
   stop_program "$FILTER"
   while read -r point; do
