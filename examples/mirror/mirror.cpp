@@ -118,8 +118,8 @@ void Walk(const fs::path& top, const auto& visit) {
 class Provider {
  public:
   // Connects the sync root. `rate` is in bytes a second, for each transfer; 0: as fast as it goes.
-  Provider(const fs::path& source, const fs::path& root, std::uint64_t session, double rate)
-      : source_(source), root_(root), rate_(rate), syncRoot_(NewSyncRoot(root, session)) {
+  Provider(fs::path source, const fs::path& root, std::uint64_t number, double rate)
+      : source_(std::move(source)), root_(root), rate_(rate), syncRoot_(NewSyncRoot(root, number)) {
     CORVWinCFCallbackDelegatorHandle handle = nullptr;
     if (CORVWinCFCallbackDelegatorNew(&handle, this) != 0) throw std::bad_alloc();
     delegator_.reset(handle);
@@ -362,7 +362,7 @@ bool PrintState(const fs::path& path) {
     line += ask(item.get()) == 0 ? "yes          " : "no           ";
   }
   CORVWinCFPlaceholderGetFileIdentity(item.get(), identity.data());
-  Print(line + Utf8(path) + " = " + identity.c_str());
+  Print(line + Utf8(path) + " = " + identity.substr(0, identity.find('\0')));
   return true;
 }
 

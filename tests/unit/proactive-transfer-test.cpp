@@ -33,7 +33,7 @@ using nimbra_test::Wide;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int64_t kMiB = 1024 * 1024;
+constexpr std::int64_t kMiB = std::int64_t{1024} * 1024;
 constexpr std::int64_t kChunk = 4 * kMiB;
 constexpr std::int64_t kTransferKey = 0x5152535455565758;
 
@@ -123,16 +123,17 @@ TEST_P(ProactiveSizeTest, SendsTheFileInChunksOfFourMiB) {
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Sizes, ProactiveSizeTest,
-    testing::Values(SizeRow{0, {}}, SizeRow{1, {1}}, SizeRow{4095, {4095}}, SizeRow{4096, {4096}},
-                    SizeRow{4097, {4097}}, SizeRow{64 * 1024, {64 * 1024}},
-                    SizeRow{kChunk - 1, {kChunk - 1}}, SizeRow{kChunk, {kChunk}},
-                    SizeRow{kChunk + 1, {kChunk, 1}}, SizeRow{2 * kChunk, {kChunk, kChunk}},
-                    SizeRow{10 * kMiB, {kChunk, kChunk, 2 * kMiB}}),
-    [](const testing::TestParamInfo<SizeRow>& row) {
-      return std::to_string(row.param.size) + "Bytes";
-    });
+INSTANTIATE_TEST_SUITE_P(Sizes, ProactiveSizeTest,
+                         testing::Values(SizeRow{0, {}}, SizeRow{1, {1}}, SizeRow{4095, {4095}},
+                                         SizeRow{4096, {4096}}, SizeRow{4097, {4097}},
+                                         SizeRow{65536, {65536}}, SizeRow{kChunk - 1, {kChunk - 1}},
+                                         SizeRow{kChunk, {kChunk}},
+                                         SizeRow{kChunk + 1, {kChunk, 1}},
+                                         SizeRow{2 * kChunk, {kChunk, kChunk}},
+                                         SizeRow{10 * kMiB, {kChunk, kChunk, 2 * kMiB}}),
+                         [](const testing::TestParamInfo<SizeRow>& row) {
+                           return std::to_string(row.param.size) + "Bytes";
+                         });
 
 TEST_F(ProactiveTransferTest, OpensTheLocalFileForSequentialSharedReading) {
   const std::string path = folder_.WriteFile(

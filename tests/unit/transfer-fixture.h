@@ -24,6 +24,7 @@ class TransferFixture : public NimbraTest {
   }
 
   // What every operation of this root has in common.
+  // NOLINTNEXTLINE(readability-function-size): each expectation counts as several statements.
   void ExpectOperation(const ExecuteCall& call, int type, std::int64_t transferKey,
                        ULONG paramSize) {
     EXPECT_EQ(call.info.StructSize, 48u);
