@@ -165,6 +165,7 @@ TEST_F(RegistryKeyTest, WritesEveryTextAsExpandableWithItsTerminator) {
       "x",
       "plain text",
       R"(%SystemRoot%\system32\shell32.dll)",
+      // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): the escape would take the "e" in.
       "Gr\xC3\xBC\xC3\x9F"
       "e \xE6\x97\xA5 \xF0\x9F\x98\x80",
       std::string(20000, 'a'),

@@ -131,7 +131,8 @@ TEST_F(SyncRootTest, KeepsACopyOfThePathAsGiven) {
       "C:\\Sync",
       "C:/Sync/with/slashes",
       "relative",
-      "\\\\server\\share\\trailing\\",
+      R"(\\server\share\trailing\)",
+      // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): the escape would take the "e" in.
       "C:\\Gr\xC3\xBC\xC3\x9F"
       "e \xE6\x97\xA5 \xF0\x9F\x98\x80",
       std::string(32767, 'p'),
