@@ -32,8 +32,8 @@ constexpr int kPoison = 0x5A;
 template <typename Output>
 bool Untouched(const Output& output) {
   Output poisoned;
-  std::memset(&poisoned, kPoison, sizeof poisoned);
-  return std::memcmp(&output, &poisoned, sizeof output) == 0;
+  std::memset(&poisoned, kPoison, sizeof(Output));
+  return std::memcmp(&output, &poisoned, sizeof(Output)) == 0;
 }
 
 // Calls an export with a poisoned output; a touched output gives a result that no export has.
@@ -41,7 +41,7 @@ constexpr std::int64_t kTouched = 0x7FFFFFFFFF;
 template <typename Output, typename Call>
 std::int64_t WithOutput(Call call) {
   Output output;
-  std::memset(&output, kPoison, sizeof output);
+  std::memset(&output, kPoison, sizeof(Output));
   const std::int64_t result = call(&output);
   return Untouched(output) ? result : kTouched;
 }
