@@ -104,13 +104,13 @@ class EntryPointWatch {
   }
 
   static BOOL WINAPI Disable(HMODULE module) {
-    current_->calls.push_back("DisableThreadLibraryCalls");
+    current_->calls.emplace_back("DisableThreadLibraryCalls");
     current_->modules.push_back(module);
     return DisableThreadLibraryCalls(module);
   }
 
   static BOOL WINAPI Verify(OSVERSIONINFOEXW* version, DWORD typeMask, DWORDLONG condition) {
-    current_->calls.push_back("VerifyVersionInfoW");
+    current_->calls.emplace_back("VerifyVersionInfoW");
     current_->versions.push_back(*version);
     current_->typeMasks.push_back(typeMask);
     current_->conditions.push_back(condition);

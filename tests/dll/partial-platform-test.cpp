@@ -122,7 +122,7 @@ TEST_F(PartialPlatformTest, FirstUsesOnManyThreadsAtOnceAllSucceed) {
 
 std::vector<std::string> fetched;
 
-void Fetched(const CORVWinCFCallbackRecord* record) { fetched.push_back(record->fullPath); }
+void Fetched(const CORVWinCFCallbackRecord* record) { fetched.emplace_back(record->fullPath); }
 
 // The platform holds addresses in a connected library, so that it must stay. Runs in a process of
 // its own: whatever follows would meet the same image.

@@ -17,7 +17,7 @@ namespace nimbra_test {
 // open file.
 class ClientObjects {
  public:
-  explicit ClientObjects(const LoadedLibrary& library);
+  explicit ClientObjects(const LoadedLibrary& loaded);
   ~ClientObjects();
   ClientObjects(const ClientObjects&) = delete;
   ClientObjects& operator=(const ClientObjects&) = delete;
