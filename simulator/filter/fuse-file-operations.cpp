@@ -188,24 +188,22 @@ void ApplyChange(fuse_req_t request, const HeldNode& node, const AttributeChange
 // Hands the open file to the kernel. When the program has given up meanwhile, it is closed again.
 void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* info,
                   const fuse_entry_param* created) {
-  auto& files = MountOf(request).Files();
+  auto& mount = MountOf(request);
   const auto thread = fuse_req_ctx(request)->pid;
-  auto file = std::make_unique<OpenFile>();
+  const auto file = std::make_shared<OpenFile>();
   file->fd = std::move(fd);
   file->node = &node;
-  file->item = files.ItemOf(file->File());
-  info->fh = reinterpret_cast<std::uint64_t>(file.get());
+  file->item = mount.Files().ItemOf(file->File());
+  info->fh = mount.Keep(file);
   // Otherwise the kernel empties the file's cache at every open, and for that the open waits for
   // the reads under way: the server of a Wine prefix would wait for its own provider.
   info->keep_cache = 1;
-  files.Opened(file->File(), thread);
+  mount.Files().Opened(file->File(), thread);
   const auto result = created == nullptr ? fuse_reply_open(request, info)
                                          : fuse_reply_create(request, created, info);
-  if (result == -ENOENT) {
-    files.Closed(file->File(), thread);
-  } else {
-    static_cast<void>(file.release());
-  }
+  if (result != -ENOENT) return;
+  mount.Files().Closed(file->File(), thread);
+  mount.GiveBack(info->fh);
 }
 
 }  // namespace
@@ -285,9 +283,10 @@ void Flush(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
 
 void Release(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
   if (id == kWhoAmINode) return ReplyError(request, 0);
-  const std::unique_ptr<OpenFile> file(&OpenFileOf(*info));
-  MountOf(request).Files().Closed(file->File(), fuse_req_ctx(request)->pid);
-  file->fd.Reset();
+  auto& mount = MountOf(request);
+  auto& file = OpenFileOf(*info);
+  mount.Files().Closed(file.File(), fuse_req_ctx(request)->pid);
+  mount.GiveBack(info->fh);
   ReplyError(request, 0);
 }
 

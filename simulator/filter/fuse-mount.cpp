@@ -141,6 +141,22 @@ void FuseMount::WorkOnInvalidations() {
   }
 }
 
+std::uint64_t FuseMount::Keep(std::shared_ptr<void> opened) {
+  const auto handle = reinterpret_cast<std::uint64_t>(opened.get());
+  const std::lock_guard lock(openedMutex_);
+  opened_[handle] = std::move(opened);
+  return handle;
+}
+
+std::shared_ptr<void> FuseMount::GiveBack(std::uint64_t handle) {
+  const std::lock_guard lock(openedMutex_);
+  const auto found = opened_.find(handle);
+  if (found == opened_.end()) return nullptr;
+  auto opened = std::move(found->second);
+  opened_.erase(found);
+  return opened;
+}
+
 Node& FuseMount::NodeOf(fuse_ino_t id) {
   return id == FUSE_ROOT_ID ? nodes_.Root() : *reinterpret_cast<Node*>(id);
 }

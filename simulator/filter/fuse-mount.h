@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "core.h"
@@ -37,6 +38,11 @@ class FuseMount : public FrontEnd {
   [[nodiscard]] const Root& TheRoot() const { return *root_; }
   Node& NodeOf(fuse_ino_t id);
 
+  // What programs have open. What still is when the mount goes is never closed by the kernel, so it
+  // belongs to the mount. The handle is the object's address.
+  std::uint64_t Keep(std::shared_ptr<void> opened);
+  std::shared_ptr<void> GiveBack(std::uint64_t handle);
+
   // One answer that is still owed to the kernel. The mount outlives all of them.
   class Debt {
    public:
@@ -62,6 +68,8 @@ class FuseMount : public FrontEnd {
   fuse_session* session_ = nullptr;
   UniqueFd stop_;
   std::vector<std::thread> workers_;
+  std::mutex openedMutex_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<void>> opened_;
   std::mutex debtMutex_;
   std::condition_variable debtPaid_;
   int debts_ = 0;

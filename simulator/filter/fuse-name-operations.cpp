@@ -256,12 +256,13 @@ void HardLink(fuse_req_t request, fuse_ino_t id, fuse_ino_t newFolder, const cha
 void OpenFolder(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
   UniqueFd fd(openat(Hold(request, id).Fd(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) return ReplyError(request, errno);
-  auto folder = std::make_unique<OpenedFolder>();
+  const auto folder = std::make_shared<OpenedFolder>();
   folder->listing.reset(fdopendir(fd.Get()));
   if (folder->listing == nullptr) return ReplyError(request, errno);
   static_cast<void>(fd.Release());
-  info->fh = reinterpret_cast<std::uint64_t>(folder.get());
-  if (fuse_reply_open(request, info) == 0) static_cast<void>(folder.release());
+  auto& mount = MountOf(request);
+  info->fh = mount.Keep(folder);
+  if (fuse_reply_open(request, info) == -ENOENT) mount.GiveBack(info->fh);
 }
 
 void ReadFolder(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
@@ -292,7 +293,7 @@ void ReadFolderPlus(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t o
 }
 
 void ReleaseFolder(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  const std::unique_ptr<OpenedFolder> closed(&FolderOf(*info));
+  MountOf(request).GiveBack(info->fh);
   ReplyError(request, 0);
 }
 
