@@ -27,13 +27,17 @@ const auto kDelegator = reinterpret_cast<CORVWinCFCallbackDelegatorHandle>(0x5A5
 const auto kPlaceholder = reinterpret_cast<CORVWinCFPlaceholderHandle>(0x5A5A);
 const auto kMeta = reinterpret_cast<CORVWinCFPlaceholderMetaHandle>(0x5A5A);
 
+template <typename Output>
+// NOLINTNEXTLINE(bugprone-sizeof-expression): where an output is a pointer, its own size is meant.
+constexpr std::size_t kSizeOf = sizeof(Output);
+
 // Whether an output still holds the bytes that it was filled with.
 constexpr int kPoison = 0x5A;
 template <typename Output>
 bool Untouched(const Output& output) {
   Output poisoned;
-  std::memset(&poisoned, kPoison, sizeof(Output));
-  return std::memcmp(&output, &poisoned, sizeof(Output)) == 0;
+  std::memset(&poisoned, kPoison, kSizeOf<Output>);
+  return std::memcmp(&output, &poisoned, kSizeOf<Output>) == 0;
 }
 
 // Calls an export with a poisoned output; a touched output gives a result that no export has.
@@ -41,7 +45,7 @@ constexpr std::int64_t kTouched = 0x7FFFFFFFFF;
 template <typename Output, typename Call>
 std::int64_t WithOutput(Call call) {
   Output output;
-  std::memset(&output, kPoison, sizeof(Output));
+  std::memset(&output, kPoison, kSizeOf<Output>);
   const std::int64_t result = call(&output);
   return Untouched(output) ? result : kTouched;
 }
