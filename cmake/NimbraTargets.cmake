@@ -10,8 +10,9 @@ function(nimbra_target_defaults target)
       target_compile_options(${target} PRIVATE /WX)
     endif()
   else()
+    # Not -Wnon-virtual-dtor: COM interfaces have no destructor. -Wall has the check of the delete.
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
-      -Wundef -Wformat=2 $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+      -Wundef -Wformat=2 $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>)
     if(NIMBRA_WARNINGS_AS_ERRORS)
       target_compile_options(${target} PRIVATE -Werror)
     endif()

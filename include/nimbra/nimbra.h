@@ -587,6 +587,111 @@ CORVWinCFPlaceholderMetaHandle CORVWinCFPlaceholderMetaNew(int64_t lastAccessTim
 /** Gives metadata back; null is ignored. An update that still uses it keeps it alive. No gate. */
 void CORVWinCFPlaceholderMetaRelease(CORVWinCFPlaceholderMetaHandle handle);
 
+/* ---- The Explorer entry --------------------------------------------------------------------- */
+
+/**
+ * Makes a new class identifier for an Explorer entry. No gate.
+ *
+ * @param out  [out] receives the text, 38 characters in upper case with its braces and a
+ *             terminator; give it back to CORVWinCFReleaseGuid. Untouched on failure.
+ * @return 0; -1 on failure.
+ */
+CORVWinCFStatus CORVWinCFGenerateGuid(char** out);
+
+/** Gives a text of CORVWinCFGenerateGuid back; null is ignored. No gate. */
+void CORVWinCFReleaseGuid(void* guid);
+
+/**
+ * Shows a sync root in Explorer's navigation pane, for the current user: puts a shortcut to the
+ * root into a hidden folder, "CorvaneDrive\SystemFolders\<systemFolderId>" in the user's local
+ * application data, and writes the entry "Corvane Drive - <displayName>" that shows this folder.
+ * Roots that are registered with the same systemFolderId and clsid share one entry. Registering a
+ * root a second time makes a second shortcut to it and writes the entry anew.
+ *
+ * The calling thread's COM is initialised (multithreaded, if it was not initialised) and stays so.
+ * Nothing that was made is taken back when a later step fails; registry values that cannot be
+ * written are logged and left out.
+ *
+ * @param syncRootPath    the root's folder, with backslashes, as long as a shortcut can hold (259
+ *                        characters), spelled as it is on disk: unregistering compares exactly.
+ * @param clsid           the entry's class identifier, with its braces. Keep it: it names the entry
+ *                        when it is removed. Used as it is; one that is empty or holds a backslash,
+ *                        and so would name other programs' keys, is a failure.
+ * @param systemFolderId  the client's number for the entry's folder.
+ * @param displayName     shown after the product's name. May be empty.
+ * @param shareName       the remote share; "home" is shown as "My Drive".
+ * @param remotePath      the folder in the share, with slashes. The shortcut is named after its
+ *                        last component, or after the share when it is "/"; when there is such a
+ *                        shortcut, "(1)", "(2)" … is appended. It must be a file name: nothing is
+ *                        checked.
+ * @return 0; -1 when the folder or the shortcut cannot be made, or the client's launcher is not
+ *         installed (the entry then has its name, but nothing to show).
+ */
+CORVWinCFStatus CORVWinCFSyncEngineRegister(const char* syncRootPath, const char* clsid,
+                                            uint64_t systemFolderId, const char* displayName,
+                                            const char* shareName, const char* remotePath);
+
+/**
+ * Removes a sync root from Explorer's navigation pane: deletes the first shortcut found that leads
+ * to it, and, when no file is left in the folder of shortcuts, the entry. The folder itself and an
+ * empty key "Software\Classes\CLSID\<clsid>" stay. The calling thread's COM is initialised as by
+ * CORVWinCFSyncEngineRegister.
+ *
+ * @param syncRootPath    as it was registered; a root that has no shortcut is no failure.
+ * @param clsid           as it was registered.
+ * @param systemFolderId  as it was registered. The other arguments are not used; pass them as for
+ *                        the registration, as null is a failure.
+ * @return 0, also when the entry stays because other shortcuts do; -1 when the entry could not be
+ *         removed, or was not there, in full: what follows the part that failed is left as it is.
+ */
+CORVWinCFStatus CORVWinCFSyncEngineUnregister(const char* syncRootPath, const char* clsid,
+                                              uint64_t systemFolderId, const char* displayName,
+                                              const char* shareName, const char* remotePath);
+
+/**
+ * Removes an entry from Explorer's navigation pane, whatever sync roots it shows. Its folder and
+ * the shortcuts in it stay, and so does an empty key "Software\Classes\CLSID\<clsid>".
+ *
+ * @param clsid  as it was registered; empty or with a backslash is a failure.
+ * @return 0; -1 when a part of the entry could not be removed or was not there: what follows it is
+ *         left as it is.
+ */
+CORVWinCFStatus CORVWinCFSyncEngineUnregisterSystemFolder(const char* clsid);
+
+/* ---- Thumbnails ----------------------------------------------------------------------------- */
+
+/**
+ * Finds an image that stands for an item, for instance a preview from the client's server. Called
+ * on COM's threads, several at once. It should not open the item, which would fetch its data. An
+ * exception that leaves it counts as false.
+ *
+ * @param itemPath   the item.
+ * @param imagePath  [out] 260 characters, all zero: receives the path of a local file in a format
+ *                   that Windows decodes, with its terminator.
+ * @return whether there is one.
+ */
+typedef bool (*CORVWinCFThumbRetriever)(const wchar_t* itemPath, wchar_t* imagePath);
+
+/**
+ * Sets what finds the images for thumbnails. May be called at any time, before or after the shell
+ * services start; a request that runs already may still use the one before.
+ *
+ * @param retriever  null for none: the shell then shows its own icons.
+ */
+void CORVWinCFSetThumbRetrieverCb(CORVWinCFThumbRetriever retriever);
+
+/**
+ * Serves thumbnails of the sync roots' items to the shell from this process, until it ends: starts
+ * a thread that makes the thumbnail provider {D35B8E20-61C4-4A97-B2F3-08E6C1A7D594} known to COM
+ * and waits for its calls. The module stays loaded from then on. Call it once; a second call serves
+ * the class a second time, to no use. That COM starts the client for this class when it does not
+ * run is the installer's business. Failures are not reported: there are no thumbnails then.
+ *
+ * When the thread cannot be started, std::system_error (or std::bad_alloc) leaves this function as
+ * a C++ exception.
+ */
+void CORVWinCFStartShellServices(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -51,6 +51,8 @@ std::int64_t WithOutput(Call call) {
 }
 
 void Ignore(const CORVWinCFCallbackRecord*) {}
+bool FindNoImage(const wchar_t*, wchar_t*) { return false; }
+constexpr char kClsid[] = "{00000000-1111-2222-3333-444444444444}";
 
 using Call = std::function<std::int64_t(const LoadedLibrary&)>;
 
@@ -129,6 +131,19 @@ const Row kGated[] = {
     PLACEHOLDER_ROW(CORVWinCFPlaceholderSetInSync),
     PLACEHOLDER_ROW(CORVWinCFPlaceholderSetNotInSync),
     PLACEHOLDER_ROW(CORVWinCFPlaceholderSetExcluded),
+    ROW(CORVWinCFSyncEngineRegister, -1, f("C:\\x", kClsid, 1, "name", "home", "/")),
+    ROW(CORVWinCFSyncEngineUnregister, -1, f("C:\\x", kClsid, 1, "name", "home", "/")),
+    ROW(CORVWinCFSyncEngineUnregisterSystemFolder, -1, f(kClsid)),
+    {"CORVWinCFSetThumbRetrieverCb", 0,
+     [](const LoadedLibrary& library) {
+       NIMBRA_FUNCTION(library, CORVWinCFSetThumbRetrieverCb)(&FindNoImage);
+       return std::int64_t{0};
+     }},
+    {"CORVWinCFStartShellServices", 0,
+     [](const LoadedLibrary& library) {
+       NIMBRA_FUNCTION(library, CORVWinCFStartShellServices)();
+       return std::int64_t{0};
+     }},
     ROW(CORVWinCFPlaceholderMetaNew, 0, reinterpret_cast<std::int64_t>(f(1, 2, 3, 4, 5, 0))),
 };
 
@@ -142,6 +157,18 @@ const Row kUngated[] = {
     ROW(CORVWinCFIsWinVersionSupportFileStreaming, 0, f()),
     ROW(CORVWinCFIsWinVersionDisableUIFileStreamingOption, 0, f()),
     ROW(CORVWinCFIsWinVersionDefaultFileStreaming, 0, f()),
+    {"CORVWinCFGenerateGuid", 0,
+     [](const LoadedLibrary& library) {
+       char* guid = nullptr;
+       const std::int64_t result = NIMBRA_FUNCTION(library, CORVWinCFGenerateGuid)(&guid);
+       NIMBRA_FUNCTION(library, CORVWinCFReleaseGuid)(guid);
+       return result;
+     }},
+    {"CORVWinCFReleaseGuid", 0,
+     [](const LoadedLibrary& library) {
+       NIMBRA_FUNCTION(library, CORVWinCFReleaseGuid)(nullptr);
+       return std::int64_t{0};
+     }},
     {"CORVWinCFSyncRootRelease", 0,
      [](const LoadedLibrary& library) {
        CORVWinCFSyncRootHandle none = nullptr;

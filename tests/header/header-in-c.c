@@ -125,6 +125,28 @@ static void CallFindData(void) {
   CHECK(CORVWinCFIsPlaceholderByFindData((const struct _WIN32_FIND_DATAW*)findData), -1);
 }
 
+/* With an identifier that names no entry, nothing is registered whatever the gate. */
+static void CallExplorerEntry(void) {
+  char* guid = NULL;
+  CHECK(CORVWinCFGenerateGuid(&guid), 0);
+  CHECK(guid != NULL && strlen(guid) == 38, true);
+  CALL(CORVWinCFReleaseGuid(guid));
+  CHECK(CORVWinCFSyncEngineRegister("C:\\none", "", 1, "name", "home", "/"), -1);
+  CHECK(CORVWinCFSyncEngineUnregister("C:\\none", "", 1, "name", "home", "/"), -1);
+  CHECK(CORVWinCFSyncEngineUnregisterSystemFolder(""), -1);
+}
+
+static bool FindNoImage(const wchar_t* itemPath, wchar_t* imagePath) {
+  (void)itemPath;
+  (void)imagePath;
+  return false;
+}
+
+static void CallThumbnails(void) {
+  CALL(CORVWinCFSetThumbRetrieverCb(FindNoImage));
+  CALL(CORVWinCFStartShellServices());
+}
+
 int main(int argc, char** argv) {
   const bool open = argc == 2 && strcmp(argv[1], "open") == 0;
   const CORVWinCFStatus made = open ? 0 : -1;
@@ -144,6 +166,8 @@ int main(int argc, char** argv) {
   CallSyncRoot(open, root, placeholder);
   CallDelegator(open, delegator);
   CallPlaceholder(placeholder, meta);
+  CallExplorerEntry();
+  CallThumbnails();
 
   CALL(CORVWinCFPlaceholderMetaRelease(meta));
   CALL(CORVWinCFPlaceholderRelease(placeholder));

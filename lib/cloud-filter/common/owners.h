@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <objbase.h>
+
 #include <utility>
 
 namespace corvdrive::cloud_filter {
@@ -71,6 +73,28 @@ struct ModuleTraits {
   static void Close(Type module) noexcept { FreeLibrary(module); }
 };
 using UniqueModule = UniqueResource<ModuleTraits>;
+
+struct FindHandleTraits {
+  using Type = HANDLE;
+  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static void Close(Type search) noexcept { FindClose(search); }
+};
+using UniqueFind = UniqueResource<FindHandleTraits>;
+
+// Text that a COM function wants given back with CoTaskMemFree.
+struct TaskMemoryTraits {
+  using Type = wchar_t*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type memory) noexcept { CoTaskMemFree(memory); }
+};
+using UniqueTaskText = UniqueResource<TaskMemoryTraits>;
+
+struct BitmapTraits {
+  using Type = HBITMAP;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type bitmap) noexcept { DeleteObject(bitmap); }
+};
+using UniqueBitmap = UniqueResource<BitmapTraits>;
 
 }  // namespace corvdrive::cloud_filter
 

@@ -11,13 +11,13 @@
 #include "common/owners.h"
 #include "common/text.h"
 #include "win-cf/registry-key.h"
+#include "win-cf/thumbnail-provider.h"
 
 namespace corvdrive::cloud_filter {
 namespace {
 
 constexpr char kSource[] = R"(lib\cloud-filter\win-cf\sync-root)";
 
-constexpr char kThumbnailProviderClsid[] = "{D35B8E20-61C4-4A97-B2F3-08E6C1A7D594}";
 constexpr DWORD kShellFlags = 0x62;
 
 // The account's SID in string form, or empty.
@@ -81,7 +81,7 @@ bool WriteDescription(RegistryKey& key, const std::string& displayName) {
   }
   // The message stands for the success, and nothing for the failure, which stops nothing: who reads
   // these logs counts on it.
-  if (key.SetValue("ThumbnailProvider", kThumbnailProviderClsid)) {
+  if (key.SetValue("ThumbnailProvider", kThumbnailProviderClsidText)) {
     Log(kSource, __LINE__, "register thumbnail provider failed");
   }
   return true;

@@ -1,5 +1,7 @@
 #include "win-cf/registry-key.h"
 
+#include <optional>
+
 #include "common/debug-log.h"
 #include "common/text.h"
 
@@ -15,16 +17,27 @@ HRESULT ToHresult(LSTATUS status) {
   return status > 0 ? HRESULT_FROM_WIN32(static_cast<DWORD>(status)) : static_cast<HRESULT>(status);
 }
 
+// Nothing when a name cannot be converted, for want of memory: the empty name that is left would
+// stand for the key itself, with all that it holds, or for its default value.
+std::optional<std::wstring> ToName(const std::string& name) {
+  std::wstring wide = Utf8ToWide(name);
+  if (wide.empty() && !name.empty()) {
+    return std::nullopt;
+  }
+  return wide;
+}
+
 }  // namespace
 
 RegistryKey::RegistryKey(HKEY rootHive, const std::string& subkey) {
-  if (subkey.empty()) {
+  const std::optional<std::wstring> name = ToName(subkey);
+  if (!name || name->empty()) {
     return;
   }
   HKEY opened = nullptr;
   const LSTATUS status =
-      RegCreateKeyExW(rootHive, Utf8ToWide(subkey).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-                      kAccess, nullptr, &opened, nullptr);
+      RegCreateKeyExW(rootHive, name->c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, kAccess,
+                      nullptr, &opened, nullptr);
   if (FAILED(ToHresult(status))) {
     return;
   }
@@ -51,9 +64,10 @@ bool RegistryKey::Write(const std::string& name, DWORD type, const void* data, s
     Log(kSource, __LINE__, "registry not good");
     return false;
   }
-  const LSTATUS status = RegSetValueExW(handle.Get(), Utf8ToWide(name).c_str(), 0, type,
-                                        static_cast<const BYTE*>(data), static_cast<DWORD>(size));
-  if (FAILED(ToHresult(status))) {
+  const std::optional<std::wstring> wide = ToName(name);
+  if (!wide ||
+      FAILED(ToHresult(RegSetValueExW(handle.Get(), wide->c_str(), 0, type,
+                                      static_cast<const BYTE*>(data), static_cast<DWORD>(size))))) {
     Log(kSource, __LINE__, "Failed to set value");
     return false;
   }
@@ -64,7 +78,9 @@ bool RegistryKey::DeleteValue(const std::string& name) {
   if (!IsGood()) {
     return false;
   }
-  const HRESULT result = ToHresult(RegDeleteValueW(handle.Get(), Utf8ToWide(name).c_str()));
+  const std::optional<std::wstring> wide = ToName(name);
+  const HRESULT result =
+      wide ? ToHresult(RegDeleteValueW(handle.Get(), wide->c_str())) : E_OUTOFMEMORY;
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to RegDeleteValue, key=", path, " value=", name, " hr=", result);
     return false;
@@ -77,9 +93,10 @@ bool RegistryKey::DeleteTree(const std::string& subkey) {
     Log(kSource, __LINE__, "reg is not good ", path);
     return false;
   }
-  const std::wstring wide = Utf8ToWide(subkey);
+  const std::optional<std::wstring> wide = ToName(subkey);
   const HRESULT result =
-      ToHresult(RegDeleteTreeW(handle.Get(), subkey.empty() ? nullptr : wide.c_str()));
+      wide ? ToHresult(RegDeleteTreeW(handle.Get(), wide->empty() ? nullptr : wide->c_str()))
+           : E_OUTOFMEMORY;
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to RegDeleteTree, key=", path, " hr=", result);
     return false;

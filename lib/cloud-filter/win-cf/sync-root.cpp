@@ -5,6 +5,7 @@
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
 #include "common/installation.h"
+#include "common/module-pin.h"
 #include "common/session-number.h"
 #include "common/text.h"
 #include "win-cf/callback-dispatch.h"
@@ -33,14 +34,6 @@ LARGE_INTEGER ToLargeInteger(std::int64_t value) {
   LARGE_INTEGER large;
   large.QuadPart = value;
   return large;
-}
-
-// Callbacks run this library's code until the process ends, so from the first connection on it
-// must not be unloaded.
-void PinModule() {
-  HMODULE module = nullptr;
-  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
-                     reinterpret_cast<LPCWSTR>(&PinModule), &module);
 }
 
 }  // namespace
