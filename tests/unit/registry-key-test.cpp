@@ -2,11 +2,13 @@
 
 #include <windows.h>
 
+#include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "tests/support/heap-watch.h"
 #include "tests/support/log-capture.h"
 #include "tests/support/registry-tree.h"
 #include "tests/support/registry-watch.h"
@@ -245,6 +247,36 @@ TEST_F(RegistryKeyTest, DeletingAnAbsentValueFailsWithItsCode) {
   EXPECT_THAT(log_.Lines(),
               ElementsAre(IsLogLine(kRegistryKeySource, "Failed to RegDeleteValue, key=" + Path() +
                                                             " value=absent hr=-2147024894")));
+}
+
+// An empty name stands for the key itself, or its default value: a name that cannot be converted
+// must not become one. The names are too long for a string's own room.
+TEST_F(RegistryKeyTest, WithoutMemoryForANameNothingElseIsTouched) {
+  const std::string name = "a name of more than fifteen characters";
+  tree_.SetNumber(L"other", L"n", 2);
+  tree_.SetNumber(L"", L"", 3);
+  const std::string path = Path();
+  watch_.Clear();
+  const int failures = nimbra_test::ForEachFailingAllocation([&](auto watched, const bool&) {
+    watched([&] {
+      try {
+        RegistryKey key(HKEY_CURRENT_USER, path);
+        static_cast<void>(key.SetValue(name, DWORD{7}));
+        static_cast<void>(key.DeleteValue(name));
+        static_cast<void>(key.DeleteTree(name));
+      } catch (const std::bad_alloc&) {
+        SUCCEED() << "there was no memory for a line of the log";
+      }
+    });
+    EXPECT_EQ(tree_.Value(L"other", L"n"), StoredNumber(2));
+    EXPECT_EQ(tree_.Value(L"", L""), StoredNumber(3));
+  });
+  EXPECT_GT(failures, 8);
+  for (const RegistryCall& call : watch_.Calls()) {
+    if (call.function != RegistryFunction::CloseKey) {
+      EXPECT_GT(call.name.value_or(L"").size(), 15u);
+    }
+  }
 }
 
 struct CodeRow {
