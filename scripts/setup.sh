@@ -10,8 +10,8 @@
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 
-readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix pkg-config libfuse3-dev
-  fuse3 libsqlite3-dev wine64 wine python3 util-linux procps)
+readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w64-tools pkg-config
+  libfuse3-dev fuse3 libsqlite3-dev wine64 wine python3 util-linux procps)
 readonly TEST_PACKAGES=(googletest clang-format clang-tidy shellcheck git)
 
 installed() {
