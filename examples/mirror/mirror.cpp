@@ -20,9 +20,13 @@
 #include <utility>
 #include <vector>
 
+#include "basics.h"
+#include "explorer.h"
+#include "thumbnails.h"
+
+namespace mirror {
 namespace {
 
-namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
@@ -31,63 +35,21 @@ constexpr char kHelp[] = R"(
   mirror <action> <file or folder>               act on what lies in a sync root, and exit
   --session N        the root's number, 0 to 2147483647 (default 1)
   --rate N           slow each transfer down to N megabytes a second
+  --explorer         show the root in Explorer's navigation pane, and thumbnails of its pictures
   --stop-file PATH   stop as soon as this file exists; without it, serve until Ctrl+C
   --state            show for every item what is on disk, pinned, in sync, and its identity
   --hydrate-all      fetch all of it now
   --dehydrate        give the room back
   --pin, --unpin     keep on this device, or no longer
-  --unregister       make the sync root a normal folder again; what is not on disk disappears
+  --no-explorer      take the sync root out of Explorer's navigation pane
+  --unregister       that too, and make it a normal folder; what is not on disk disappears
 
-  mirror --session 7 --rate 2 C:\Photos C:\Cloud
+  mirror --session 7 --explorer C:\Photos C:\Cloud
   mirror --hydrate-all C:\Cloud\2024
 
 The source is only read: what is renamed or deleted in the sync root is back at the next start.)";
 
-fs::path Path(std::string_view text) { return std::u8string(text.begin(), text.end()); }
-std::string Utf8(const fs::path& path) {
-  const auto text = path.u8string();
-  return {text.begin(), text.end()};
-}
-
-// Prints a line. One that does not stay, on a terminal, gives way to the next.
-void Print(const std::string& text, bool stays = true) {
-  static std::mutex mutex;
-  static int width = 0;  // of what is to be overwritten
-  const std::lock_guard lock(mutex);
-  std::printf("%s%-*s%s", width > 0 ? "\r" : "", width, text.c_str(), stays ? "\n" : "");
-  std::fflush(stdout);
-  width = stays ? 0 : static_cast<int>(text.size());
-}
-
-// What went wrong, with what, and what to do about it.
-struct Failure : std::runtime_error {
-  Failure(const std::string& what, const std::string& advice, int exitCode = 1)
-      : std::runtime_error(what + "\n  " + advice), code(exitCode) {}
-  int code;
-};
 Failure Usage(const std::string& what) { return {what, "mirror --help shows how to use it", 2}; }
-
-// A platform result with the system's words for it.
-std::string ResultText(CORVWinCFHresult result) {
-  char code[16];
-  std::snprintf(code, sizeof code, " (0x%08X: ", static_cast<unsigned>(result));
-  return code + std::system_category().message(result & 0xFFFF) + ")";
-}
-
-void Require(CORVWinCFHresult result, const std::string& what) {
-  static const std::map<unsigned, const char*> advice{
-      {0x80040151, "registering writes to the machine's registry: run it once as administrator"},
-      {0x80070005, "choose a folder that you may write to"},
-      {0x8007017A, "another program serves this sync root: stop it first"},
-      {0x80070186, "it may lie inside a sync root: name the root itself"}};
-  if (result >= 0) return;
-  const auto known = advice.find(static_cast<unsigned>(result));
-  throw Failure(what + ResultText(result),
-                known != advice.end() ? known->second : "the debugger output may say more");
-}
-
-template <class T>
-using Owner = std::unique_ptr<T, void (*)(T*)>;  // of a handle and of what gives it back
 
 auto NewSyncRoot(const fs::path& root, std::uint64_t session) {
   CORVWinCFSyncRootHandle handle = nullptr;
@@ -370,6 +332,7 @@ bool Unregister(const fs::path& root) {
   const auto identity = RootIdentity(root);
   const auto session = std::strtoull(&identity[identity.rfind('.') + 1], nullptr, 10);
   const auto result = CORVWinCFSyncRootUnregister(NewSyncRoot(root, session).get());
+  if (RootIdentity(root).empty()) HideFromExplorer(root);
   Require(result, "cannot unregister " + Utf8(root));
   return true;
 }
@@ -378,6 +341,7 @@ struct Action {
   bool (*run)(const fs::path& path);
   bool goesDown;       // to every item below; for the others the platform does
   const char* advice;  // when it fails
+  bool isForRoots = true;
 };
 const std::map<std::string, Action> kActions{
     {"--state", {PrintState, true, "it cannot be opened"}},
@@ -385,13 +349,16 @@ const std::map<std::string, Action> kActions{
     {"--dehydrate", {Do<CORVWinCFPlaceholderDehydrateAll, true>, true, "it is pinned or in use"}},
     {"--pin", {Do<CORVWinCFPlaceholderPinToLocal>, false, "the system refused it"}},
     {"--unpin", {Do<CORVWinCFPlaceholderForceUnpin>, false, "the system refused it"}},
+    {"--no-explorer", {HideFromExplorer, false, "mirror has made no entry for it", false}},
     {"--unregister", {Unregister, false, ""}}};
 
 // What is done to a sync root from outside the program that serves it.
 int Act(const std::string& name, const fs::path& top) {
   const auto advice = "serve it once with mirror <source folder> <sync root>";
-  if (RootIdentity(top).empty()) throw Failure(Utf8(top) + " lies in no sync root", advice);
   const auto& action = kActions.at(name);
+  if (action.isForRoots && RootIdentity(top).empty()) {
+    throw Failure(Utf8(top) + " lies in no sync root", advice);
+  }
   int done = 0, failed = 0;
   const auto visit = [&](const fs::path& path, const auto&...) {
     if (action.run(path)) return void(++done);
@@ -446,6 +413,11 @@ void Serve(const Options& options, const fs::path& source, const fs::path& root)
   Provider provider(source, root, session, rate);
   SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
   Walk(source, [&](const auto&... item) { stopRequested ? void() : provider.Add(item...); });
+  std::optional<Thumbnails> thumbnails;
+  if (!options.at("--explorer").empty()) {
+    ShowInExplorer(source, root);
+    thumbnails.emplace(source, root);
+  }
   Print("mirror: ready");
   const bool isTerminal = _isatty(_fileno(stdout)) != 0;
   const auto stopFile = Path(options.at("--stop-file"));
@@ -456,12 +428,14 @@ void Serve(const Options& options, const fs::path& source, const fs::path& root)
 }
 
 int Run(const std::vector<fs::path>& arguments) {
-  Options options{{"--session", "1"}, {"--rate", "0"}, {"--stop-file", ""}};
+  Options options{{"--session", "1"}, {"--rate", "0"}, {"--stop-file", ""}, {"--explorer", ""}};
   std::string action;
   std::vector<fs::path> paths;
   for (auto at = arguments.begin(); at != arguments.end(); ++at) {
     const auto text = Utf8(*at);
-    if (const auto option = options.find(text); option != options.end()) {
+    if (text == "--explorer") {
+      options[text] = "yes";
+    } else if (const auto option = options.find(text); option != options.end()) {
       if (++at == arguments.end()) throw Usage(text + " needs a value");
       option->second = Utf8(*at);
     } else if (!text.starts_with("--")) {
@@ -485,12 +459,13 @@ int Run(const std::vector<fs::path>& arguments) {
 }
 
 }  // namespace
+}  // namespace mirror
 
 int wmain(int count, wchar_t** texts) try {
   SetConsoleOutputCP(CP_UTF8);
   std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);  // no character of several bytes is cut in two
-  return Run({texts + 1, texts + count});
-} catch (const Failure& failure) {
+  return mirror::Run({texts + 1, texts + count});
+} catch (const mirror::Failure& failure) {
   std::fprintf(stderr, "mirror: %s\n", failure.what());
   return failure.code;
 } catch (const std::exception& error) {  // of the file system, which names the path
