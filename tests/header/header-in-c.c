@@ -137,9 +137,8 @@ static void CallExplorerEntry(void) {
 }
 
 static bool FindNoImage(const wchar_t* itemPath, wchar_t* imagePath) {
-  (void)itemPath;
-  (void)imagePath;
-  return false;
+  imagePath[0] = 0;
+  return itemPath == NULL;
 }
 
 static void CallThumbnails(void) {

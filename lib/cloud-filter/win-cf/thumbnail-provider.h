@@ -26,6 +26,7 @@ extern std::atomic<ThumbRetriever> thumbRetriever;
 
 // What the shell asks for an item's thumbnail: it initialises the object with the item and asks for
 // the bitmap once, on threads of its choice.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only Release deletes COM objects.
 class WinCFThumbnailProvider final : public IInitializeWithItem, public IThumbnailProvider {
  public:
   STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;

@@ -10,6 +10,7 @@
 
 // Makes objects of a COM class, which must start with a reference count of 1.
 template <typename Class>
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): only Release deletes COM objects.
 class ClassFactory final : public IClassFactory {
  public:
   STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override {

@@ -28,6 +28,7 @@ void RunShellServices() noexcept {
   static_cast<void>(CoInitializeEx(nullptr, COINIT_DISABLE_OLE1DDE));
   IClassFactory* const factory = new (std::nothrow) ClassFactory<WinCFThumbnailProvider>;
   DWORD cookie = 0;
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): as said above.
   static_cast<void>(CoRegisterClassObject(kThumbnailProviderClsid, factory, CLSCTX_LOCAL_SERVER,
                                           REGCLS_MULTIPLEUSE, &cookie));
   HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
