@@ -136,7 +136,7 @@ TEST_F(Protocol, APayloadThatIsCutShortOrTooLongIsAnInvalidParameter) {
   CreateFile("a", 10'000);
   for (std::uint16_t op = 2; op <= 31; ++op) {
     if (op == static_cast<std::uint16_t>(wire::Op::kConnect)) continue;
-    for (const std::size_t length : {0, 1, 3, 7, 11}) {
+    for (const std::size_t length : {0U, 1U, 3U, 7U, 11U}) {
       wire::Writer payload;
       for (std::size_t i = 0; i < length; ++i) payload.Put(std::uint8_t{0xFF});
       EXPECT_RESULT(api->Request(static_cast<wire::Op>(op), payload), hr::kInvalidParameter)
