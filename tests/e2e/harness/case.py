@@ -24,6 +24,7 @@ class EndToEndCase(unittest.TestCase):
     build = 19045  # the Windows that the client sees
     daemon_options = ()
     needs_fuse = True
+    needs_daemon = True
     needs_provider = True
     seconds = 30  # that one test may take
     longMessage = True
@@ -43,7 +44,8 @@ class EndToEndCase(unittest.TestCase):
             cls.bin = cls._stage()
             cls.prefix = cls.new_prefix("prefix")
             cls.daemon = FilterDaemon(cls.folder, cls.daemon_options)
-            cls.daemon.start()
+            if cls.needs_daemon:
+                cls.daemon.start()
             if cls.needs_provider:
                 cls.provider = cls.start_provider()
 
