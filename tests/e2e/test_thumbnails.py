@@ -16,6 +16,7 @@ SERVER_FAULT = 0x80010105  # RPC_E_SERVERFAULT
 NO_ACCESS = 0x800703E6  # ERROR_NOACCESS, which Wine passes on instead
 NOT_AN_IMAGE = 0x88982F50  # WINCODEC_ERR_COMPONENTNOTFOUND
 ARGB = 2
+LONGEST_PATH = 259  # MAX_PATH without the terminator
 IUNKNOWN = "{00000000-0000-0000-C000-000000000046}"
 
 PROVIDER_SOURCE = "lib\\cloud-filter\\win-cf\\thumbnail-provider ("
@@ -165,6 +166,14 @@ class Pictures(ThumbnailCase):
         (call,) = self.server.events("retrieve", since)
         self.assertEqual(call["item"], dos_path(item))
 
+    def test_a_preview_s_path_may_fill_the_buffer(self):
+        item = self.new_item()
+        room = LONGEST_PATH - len(dos_path(self.files / "x.png")) + 1
+        preview, image = self.new_preview(name="x" * room + ".png")
+        self.assertEqual(len(dos_path(preview)), LONGEST_PATH)
+        self.set_rule(item, image=dos_path(preview))
+        self.assert_shows(self.ask(item), image)
+
     def test_a_client_in_a_single_threaded_apartment_is_served_as_well(self):
         item, image = self.item_with_preview(width=20, height=20)
         self.assert_shows(self.ask(item, sta=1), image)
@@ -305,10 +314,10 @@ class Crowds(ThumbnailCase):
     ITEMS = 48
     THREADS = 8
 
-    def items(self):
+    def items(self, count=ITEMS):
         found = [
             self.item_with_preview(f"{number}.bin", width=5 + number, height=64 - number)
-            for number in range(self.ITEMS)
+            for number in range(count)
         ]
         paths = "\n".join(dos_path(item) for item, _ in found)
         return paths, [image for _, image in found]
@@ -337,6 +346,17 @@ class Crowds(ThumbnailCase):
         pending = [client.start("many", paths=paths, threads=3) for client in clients]
         for answer in pending:
             self.assert_all_shown(answer.result(60), images)
+
+    def test_the_retriever_may_be_replaced_while_requests_run(self):
+        paths, images = self.items(20)
+        since = self.server.mark()
+        pending = self.client.start("many", paths=paths, threads=self.THREADS)
+        while not pending.done():
+            for retriever in ("second", "first"):
+                self.server.call("install", retriever=retriever)
+        self.assert_all_shown(pending.result(), images)
+        asked = {call["retriever"] for call in self.server.events("retrieve", since)}
+        self.assertEqual(asked, {"first", "second"})
 
     def test_requests_run_at_the_same_time(self):
         item, image = self.item_with_preview()
