@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Shows Nimbra at work: a folder appears as files that take no room, and programs that know nothing
-# of it open them. Installs what is missing (Debian 12); needs /dev/fuse.
+# Shows Nimbra at work: a folder appears as files that take no room, Explorer is told of it, and
+# programs that know nothing of it open them. Installs what is missing (Debian 12); needs /dev/fuse.
 #
 #   ./demo.sh [--keep] [FOLDER]
 #   ./demo.sh --stop
@@ -23,6 +23,36 @@ show_listing() {
   show_disk_use
   expect 'names and sizes as in the source' same_listing
   expect 'no bytes on disk before a program asks' nothing_on_disk
+}
+
+show_explorer_entry() {
+  step "Explorer shows it" \
+    "An entry of its own in the navigation pane: a class, and a hidden folder of shortcuts to roots."
+  find_entry
+  describe_entry >"$DEMO/entry.txt" || say "(There is none.)"
+  sed 's/^/     /' "$DEMO/entry.txt"
+  expect 'the entry is named like the source' entry_is_named_like_source
+  expect 'its shortcut leads to the sync root' shortcut_leads_to_root
+}
+
+show_thumbnails() {
+  local pictures
+  mapfile -t pictures < <(find_pictures)
+  step "Thumbnails without downloading" \
+    "Another program asks for them through COM, as Explorer does; mirror makes them from its source."
+  if ((${#pictures[@]} == 0)); then
+    say "(There are no pictures here: this is left out.)"
+    return
+  fi
+  show_command "e2e-thumbnail-client ${ROOT##*/}/... (each of ${#pictures[@]} pictures)" \
+    ask_for_thumbnails "${pictures[@]}"
+  show_events
+  expect 'pictures that are not here have thumbnails' have_thumbnails "${pictures[@]}"
+  expect 'no byte of a picture was fetched for it' nothing_was_fetched
+  rm -f -- "$SHEET"
+  show_command "contact-sheet thumbnails/*.png" make_contact_sheet
+  expect 'they fit on a sheet to look at' test -s "$SHEET"
+  say "Look at it: $SHEET"
 }
 
 show_first_read() {
@@ -116,6 +146,9 @@ end_demo() {
   else
     expect 'mirror ended cleanly' stop_mirror
     expect 'the sync root could be unregistered' unregister_root
+    expect 'Explorer shows it no more' entry_is_removed
+    say "What stays of the entry, empty: $CLASSES\\$ENTRY"
+    say "and its folder of shortcuts, $ENTRY_FOLDER"
     expect 'the cloud filter ended cleanly' stop_filter
     stop_everything
     trap - EXIT
@@ -131,6 +164,8 @@ run_demo() {
   local small large other
   small="$(pick_file middle)" large="$(pick_file largest)" other="$(pick_file second)"
   show_listing
+  show_explorer_entry
+  show_thumbnails
   show_first_read "$small"
   show_interrupted_read "$large"
   show_windows_program "$other"

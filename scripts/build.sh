@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds one half of the tree in the work folder and prints where.
 #
-#   scripts/build.sh [--without-tests] linux-release|mingw-release [target]...
+#   scripts/build.sh [--without-tests] <preset> [target]...
 #
 #   --without-tests  configure without the tests where nothing is configured yet (needs less
 #                    installed)
@@ -23,7 +23,7 @@ main() {
   local tests=ON
   if [[ ${1:-} == --without-tests ]]; then tests=OFF && shift; fi
   case ${1:-} in
-    linux-release | mingw-release) ;;
+    linux-release | mingw-release | mingw-checked | mingw-coverage) ;;
     --help | -h) print_help && return ;;
     *) usage_error "unknown preset '${1:-}'" ;;
   esac
@@ -34,8 +34,9 @@ main() {
   if [[ $tests == ON || ! -f $folder/build.ninja ]]; then
     options+=("-DNIMBRA_BUILD_TESTS=$tests")
   fi
-  if [[ $preset == mingw-release ]]; then
-    options+=("-DNIMBRA_FILTER_DAEMON=$NIMBRA_WORK/linux-release/bin/cloud-filterd")
+  if [[ $preset == mingw-* ]]; then
+    options+=("-DNIMBRA_FILTER_DAEMON=$NIMBRA_WORK/linux-release/bin/cloud-filterd"
+      -DNIMBRA_BUILD_DEMO=ON)
   fi
   (($# == 0)) || targets=(--target "$@")
   cd -- "$NIMBRA_SOURCE"

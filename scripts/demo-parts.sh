@@ -39,7 +39,7 @@ show_events() {
   sleep 0.3
   mapfile -t lines < <(tail -n "+$((events_shown + 1))" -- "$DEMO/mirror.log" | tr -d '\r')
   events_shown=$((events_shown + ${#lines[@]}))
-  ((${#lines[@]} == 0)) || printf '%s\n' "${lines[@]}" | grep -vE '^mirror:|^[0-9]+ items' |
+  ((${#lines[@]} == 0)) || printf '%s\n' "${lines[@]}" | grep -vE '^mirror:|^wine:|^[0-9]+ items' |
     awk -v dim="$DIM" -v plain="$PLAIN" -v most=6 '
       { line[NR] = $0 }
       END {
@@ -79,6 +79,7 @@ print_results() {
 set_up_paths() {
   choose_work_directory
   DEMO="$NIMBRA_WORK/demo"
+  SHEET="$NIMBRA_WORK/demo-thumbnails.png"
   ROOT="$DEMO/Cloud"
   SOURCE="$DEMO/source"
   FILTER="$NIMBRA_WORK/linux-release/bin/cloud-filterd"
@@ -133,13 +134,16 @@ prepare() {
   stage 'build the cloud filter' "$logs/demo-linux.log" \
     "$build" --without-tests linux-release cloud-filterd || exit 1
   stage 'build Nimbra.dll, mirror.exe and cldapi.dll' "$logs/demo-mingw.log" \
-    "$build" --without-tests mingw-release nimbra mirror cldapi || exit 1
+    "$build" --without-tests mingw-release nimbra mirror cldapi e2e_thumbnail_client \
+    thumbnail-proxy || exit 1
   rm -rf --one-file-system -- "$DEMO"
-  mkdir -p -- "$DEMO/bin" "$DEMO/copies" "$ROOT"
+  mkdir -p -- "$DEMO/bin" "$DEMO/copies" "$DEMO/thumbnails" "$ROOT"
   stage 'make a Windows (a Wine prefix)' "$logs/demo-wine.log" \
     "$NIMBRA_SOURCE/scripts/wine-prefix.sh" || exit 1
   local built="$NIMBRA_WORK/mingw-release"
-  ln -s -- "$built/bin/Nimbra.dll" "$built/bin/mirror.exe" "$built/simulator/cldapi.dll" "$DEMO/bin/"
+  ln -s -- "$built/bin/Nimbra.dll" "$built/bin/mirror.exe" "$built/simulator/cldapi.dll" \
+    "$built/tests/e2e/programs/e2e-thumbnail-client.exe" \
+    "$built/tests/thumbnail-proxy/thumbnail-proxy.dll" "$DEMO/bin/"
   prepare_source
 }
 
@@ -180,18 +184,23 @@ start_filter() {
   say "$(tail -n 1 -- "$DEMO/filter.log")"
 }
 
-# run_mirror <argument>...: in mirror's own Windows.
-run_mirror() {
+# in_windows <program> <argument>...: in mirror's own Windows.
+in_windows() {
   NIMBRA_TEST_TIMEOUT="${MIRROR_LIMIT:-120}" "$NIMBRA_SOURCE/scripts/run-under-wine.sh" \
-    --prefix-name demo-mirror "$DEMO/bin/mirror.exe" "$@"
+    --prefix-name demo-mirror "$@"
+}
+
+# run_mirror <argument>...
+run_mirror() {
+  in_windows "$DEMO/bin/mirror.exe" "$@"
 }
 
 start_mirror() {
-  local arguments=(--rate "$RATE" --stop-file "$(windows_path "$DEMO/stop")"
+  local arguments=(--explorer --rate "$RATE" --stop-file "$(windows_path "$DEMO/stop")"
     "$(windows_path "$SOURCE")" "$(windows_path "$ROOT")")
   step "mirror shows the source in a sync root" \
     "A sample client of Nimbra: it registers the folder and creates a placeholder for each file."
-  printf '   %s$%s mirror --rate %s source %s\n' "$BOLD" "$PLAIN" "$RATE" "${ROOT##*/}"
+  printf '   %s$%s mirror --explorer --rate %s source %s\n' "$BOLD" "$PLAIN" "$RATE" "${ROOT##*/}"
   MIRROR_LIMIT=0 run_mirror "${arguments[@]}" >"$DEMO/mirror.log" 2>&1 </dev/null 7>&- &
   if ! wait_for_line "$DEMO/mirror.log" 'mirror: ready' 60; then
     tail -n 5 -- "$DEMO/mirror.log" >&2
@@ -212,6 +221,109 @@ wait_for_line() {
 
 wait_for_event() {
   wait_for_line "$DEMO/mirror.log" "$1" 10
+}
+
+# The Explorer entry
+
+readonly CLASSES='HKCU\Software\Classes\CLSID'
+readonly EXPLORER='HKCU\Software\Microsoft\Windows\CurrentVersion\Explorer'
+
+# registry <reg argument>...
+registry() {
+  local output
+  output="$(in_windows reg query "$@" 2>/dev/null)" && printf '%s\n' "${output//$'\r'/}"
+}
+
+# find_entry: sets ENTRY, the class identifier that mirror keeps for the sync root, and
+# ENTRY_FOLDER, the entry's folder of shortcuts.
+find_entry() {
+  local target
+  ENTRY="$(registry 'HKCU\Software\Nimbra mirror\Explorer entries' | grep -F "\\${ROOT##*/} " |
+    grep -o '{.*}' | tail -n 1)" || true
+  target="$(registry "$CLASSES\\$ENTRY\\Instance\\InitPropertyBag" /v TargetFolderPath |
+    sed -n 's/.*REG_EXPAND_SZ  *//p')" || true
+  ENTRY_FOLDER="$(realpath -m -- "$(in_windows winepath -u "$target" | tr -d '\r')")" || true
+}
+
+# describe_entry: all that Explorer knows of it.
+describe_entry() {
+  local key exports=()
+  for key in "$CLASSES\\$ENTRY" "$EXPLORER\\Desktop\\NameSpace\\$ENTRY" \
+    "$EXPLORER\\HideDesktopIcons\\NewStartPanel"; do
+    exports+=("$DEMO/entry-${#exports[@]}.reg")
+    in_windows reg export "$key" "$(windows_path "${exports[-1]}")" /y >/dev/null || return
+  done
+  "$NIMBRA_SOURCE/scripts/explorer_entry.py" "$ENTRY" "$ENTRY_FOLDER" "${exports[@]}"
+}
+
+entry_is_named_like_source() {
+  grep -xF "  (Default) = Corvane Drive - ${SOURCE##*/}  (REG_EXPAND_SZ)" "$DEMO/entry.txt"
+}
+
+shortcut_leads_to_root() {
+  grep -xF "  ${SOURCE##*/}.lnk -> $(windows_path "$ROOT")" "$DEMO/entry.txt"
+}
+
+# Its class stays as an empty key, and its folder empty.
+entry_is_removed() {
+  local class
+  class="$(registry "$CLASSES\\$ENTRY")" || return
+  [[ -z ${class//[$'\n' ]/} ]] || return
+  if registry "$EXPLORER\\Desktop\\NameSpace\\$ENTRY"; then return 1; fi
+  if registry "$EXPLORER\\HideDesktopIcons\\NewStartPanel" /v "$ENTRY"; then return 1; fi
+  [[ -d $ENTRY_FOLDER && -z "$(ls -A -- "$ENTRY_FOLDER")" ]]
+}
+
+# Thumbnails
+
+# find_pictures: the source's first dozen, by what is in them.
+find_pictures() {
+  local file start count=0
+  while IFS= read -r file; do
+    start="$(head -c 4 -- "$SOURCE/$file" | od -An -tx1 | tr -d ' \n')"
+    case $start in
+      89504e47 | 424d???? | 47494638 | ffd8ff?? | 49492a00 | 4d4d002a) ;;
+      *) continue ;;
+    esac
+    printf '%s\n' "$file"
+    count=$((count + 1))
+    if ((count == 12)); then break; fi
+  done < <(cd -- "$SOURCE" && find . -type f -printf '%P\n' |
+    grep -iE '\.(png|bmp|gif|jpe?g|tiff?)$' | sort)
+}
+
+# ask_for_thumbnail <file> <PNG file>: from a program that is not mirror, but in its Windows. Into a
+# log, as Wine's desktop, which may start with it, keeps what it prints to open.
+ask_for_thumbnail() {
+  in_windows "$DEMO/bin/e2e-thumbnail-client.exe" "$(windows_path "$ROOT/$1")" \
+    "$(windows_path "$2")" >"$DEMO/thumbnail.log" 2>&1
+}
+
+# ask_for_thumbnails <file>...: writes them to files that are numbered and named like these.
+ask_for_thumbnails() {
+  local file number=0
+  # What carries such calls between programs is part of Windows, but not of Wine.
+  in_windows regsvr32 /s "$(windows_path "$DEMO/bin/thumbnail-proxy.dll")" >"$DEMO/thumbnail.log" 2>&1
+  for file in "$@"; do
+    number=$((number + 1))
+    ask_for_thumbnail "$file" "$(printf '%s/%02d-%s.png' "$DEMO/thumbnails" "$number" \
+      "$(basename -- "$file")")" || say "no thumbnail of $file: $(tail -n 1 -- "$DEMO/thumbnail.log")"
+  done
+}
+
+make_contact_sheet() {
+  "$NIMBRA_SOURCE/scripts/contact-sheet.py" "$SHEET" "$DEMO/thumbnails"/*.png
+}
+
+# have_thumbnails <file>...: of the user's own pictures Windows may not know every kind.
+have_thumbnails() {
+  local found
+  found="$(find "$DEMO/thumbnails" -name '*.png' | wc -l)"
+  ((found == $# || (found > 0 && ${#OWN_FOLDER} > 0)))
+}
+
+nothing_was_fetched() {
+  nothing_on_disk && ! grep '^fetch' "$DEMO/mirror.log"
 }
 
 # What it stops

@@ -2,26 +2,41 @@
 """Shows an entry in Explorer's navigation pane as a tree: its registry keys, and the shortcuts in
 its folder.
 
-    explorer_entry.py KEYS FOLDER
+    explorer_entry.py CLSID FOLDER EXPORT...
 
-KEYS is a file with what `reg query /s` says of the keys.
+Each EXPORT is a file that `reg export` wrote.
 """
 
 import pathlib
+import re
 import struct
 import sys
 
 
-def parse_registry(text):
-    """The keys in an output of `reg query /s`, with their values: (type, data) by name."""
+def read_export(path):
+    """The keys in a file that `reg export` wrote, with their values: (type, data) by name."""
     keys, values = {}, {}
-    for line in text.splitlines():
-        if line.startswith("HKEY_"):
-            values = keys.setdefault(line.strip(), {})
-        elif line.startswith("    "):
-            name, kind, data = (line.strip().split("    ", 2) + ["", ""])[:3]
-            values[name] = (kind, data)
+    for line in path.read_text(encoding="utf-16").replace("\\\n  ", "").splitlines():
+        if line.startswith("["):
+            values = keys.setdefault(line[1:-1], {})
+        elif match := re.match(r'(?:@|"((?:[^"\\]|\\.)*)")=(.*)', line):
+            name = "(Default)" if match[1] is None else unescaped(match[1])
+            values[name] = value_of(match[2])
     return keys
+
+
+def value_of(text):
+    """As `reg query` shows it."""
+    if text.startswith("dword:"):
+        return "REG_DWORD", hex(int(text[6:], 16))
+    if text.startswith("hex(2):"):
+        data = bytes.fromhex(text[7:].replace(",", " "))
+        return "REG_EXPAND_SZ", data.decode("utf-16-le").rstrip("\0")
+    return "REG_SZ", unescaped(text[1:-1])
+
+
+def unescaped(text):
+    return re.sub(r"\\(.)", r"\1", text)
 
 
 def shortcut_target(path):
@@ -53,10 +68,15 @@ def print_keys(keys):
 
 
 def main():
-    print_keys(parse_registry(pathlib.Path(sys.argv[1]).read_text(errors="replace")))
-    folder = pathlib.Path(sys.argv[2])
-    print(folder.name + "/  (hidden; the entry's folder of shortcuts)")
-    for path in sorted(folder.iterdir()):
+    clsid, folder, *exports = sys.argv[1:]
+    keys = {}
+    for export in exports:
+        for key, values in read_export(pathlib.Path(export)).items():
+            # Others have values of their own next to the entry's.
+            keys[key] = {clsid: values[clsid]} if clsid in values else values
+    print_keys(keys)
+    print(f"{pathlib.Path(folder).name}/  (hidden; the entry's folder of shortcuts)")
+    for path in sorted(pathlib.Path(folder).iterdir()):
         print(f"  {path.name} -> {shortcut_target(path)}")
 
 

@@ -4,13 +4,18 @@
     make-sample-folder.py FOLDER [EXTRA]...
 
 The sizes lie around the places where transfers of files go wrong; the contents are pseudo-random,
-so no two pieces of a file are alike. Each EXTRA, a folder, is copied into it.
+so no two pieces of a file are alike. Some pictures are there to be looked at. Each EXTRA, a folder,
+is copied into it.
 """
 
 import pathlib
 import random
 import shutil
 import sys
+
+sys.dont_write_bytecode = True  # the checkout may be read-only
+
+import pictures  # noqa: E402  (after the line above)
 
 KIB, MIB = 1 << 10, 1 << 20
 
@@ -39,6 +44,8 @@ def main():
         path = folder / name
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_bytes(random.Random(seed).randbytes(size))
+    (folder / "pictures").mkdir(exist_ok=True)
+    pictures.draw_samples(folder / "pictures")
     for extra in map(pathlib.Path, sys.argv[2:]):
         shutil.copytree(extra, folder / extra.name, copy_function=shutil.copyfile)
 
