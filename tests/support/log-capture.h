@@ -19,6 +19,9 @@ inline constexpr std::string_view kPlaceholderInfoSource =
     R"(lib\cloud-filter\win-cf\placeholder-info)";
 inline constexpr std::string_view kSyncRootSource = R"(lib\cloud-filter\win-cf\sync-root)";
 inline constexpr std::string_view kRegistryKeySource = R"(lib\cloud-filter\win-cf\registry-key)";
+inline constexpr std::string_view kSyncEngineSource = R"(lib\cloud-filter\win-cf\sync-engine)";
+inline constexpr std::string_view kWrappingFolderSource =
+    R"(lib\cloud-filter\win-cf\wrapping-folder-composer)";
 
 // Collects what the program passes to the debugger output, one element for each call, in UTF-8.
 class LogCapture {

@@ -1,4 +1,6 @@
 #include <windows.h>
+// windows.h first.
+#include <shlobj.h>
 
 #include <array>
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
 #include "tests/support/raw-bytes.h"
+#include "tests/support/registry-watch.h"
 
 namespace nimbra_test {
 namespace {
@@ -139,6 +142,11 @@ const ClosedRow kClosedRows[] = {
     NIMBRA_CLOSED(CORVWinCFGetPlatformInfo, -1, a.Output<CORVWinCFPlatformInfo>()),
     NIMBRA_CLOSED(CORVWinCFGetSyncRootIdentityByPath, -1, a.Text(), a.Output<char>()),
     NIMBRA_CLOSED(CORVWinCFIsPathUnderCorvDriveSyncRoot, 0, a.Text()),
+    NIMBRA_CLOSED(CORVWinCFSyncEngineRegister, -1, a.Text(), a.Text(), 3, a.Text(), a.Text(),
+                  a.Text()),
+    NIMBRA_CLOSED(CORVWinCFSyncEngineUnregister, -1, a.Text(), a.Text(), 3, a.Text(), a.Text(),
+                  a.Text()),
+    NIMBRA_CLOSED(CORVWinCFSyncEngineUnregisterSystemFolder, -1, a.Text()),
     NIMBRA_CLOSED(CORVWinCFSyncRootNew, -1, a.Output<SyncRootHandle>(), a.Text(), 1),
     NIMBRA_CLOSED_SYNC_ROOT(CORVWinCFSyncRootRegister, kNoInterface, a.Text()),
     NIMBRA_CLOSED_SYNC_ROOT(CORVWinCFSyncRootReregister, kNoInterface, a.Text()),
@@ -262,6 +270,34 @@ TEST_F(ClosedGateDetailTest, ReleasesWorkWhateverTheWindows) {
 
   EXPECT_TRUE(HeapWatch::WasFreed(placeholder));
   EXPECT_TRUE(HeapWatch::WasFreed(meta));
+}
+
+// A text can be made and given back on any Windows.
+TEST_F(ClosedGateDetailTest, GuidsHaveNoGate) {
+  windows_.Become(kBuildWithoutStreaming);
+  char* guid = nullptr;
+  EXPECT_EQ(CORVWinCFGenerateGuid(&guid), 0);
+  ASSERT_NE(guid, nullptr);
+  EXPECT_EQ(std::strlen(guid), 38u);
+  CORVWinCFReleaseGuid(guid);
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
+}
+
+TEST_F(ClosedGateDetailTest, TheExplorerEntrysExportsReachNeitherComNorTheRegistry) {
+  windows_.Become(kBuildWithoutStreaming);
+  const RegistryWatch registry;
+  const ImportDouble<"CoInitializeEx", decltype(&::CoInitializeEx)> com;
+  const ImportDouble<"SHGetFolderPathW", decltype(&::SHGetFolderPathW)> folders;
+  const char* clsid = "{7B1D0E52-0000-4F08-9C61-000000000000}";
+
+  EXPECT_EQ(CORVWinCFSyncEngineRegister("C:\\Sync", clsid, 3, "NAS1", "home", "/"), -1);
+  EXPECT_EQ(CORVWinCFSyncEngineUnregister("C:\\Sync", clsid, 3, "NAS1", "home", "/"), -1);
+  EXPECT_EQ(CORVWinCFSyncEngineUnregisterSystemFolder(clsid), -1);
+
+  EXPECT_THAT(registry.Calls(), testing::IsEmpty());
+  EXPECT_EQ(com.Count(), 0);
+  EXPECT_EQ(folders.Count(), 0);
+  EXPECT_THAT(log_.Lines(), testing::IsEmpty());
 }
 
 class NullHandleTest : public NimbraTest {};
