@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
 # Installs what the project's commands need and this machine lacks (Debian 12, with apt).
 #
-#   scripts/setup.sh [--quiet] [test|demo]
+#   scripts/setup.sh [--quiet] [test|demo|coverage]
 #
-#   test     everything for ./test.sh (the default)
-#   demo     only what ./demo.sh needs
-#   --quiet  print nothing if nothing is missing
+#   test      everything for ./test.sh (the default)
+#   demo      only what ./demo.sh needs
+#   coverage  what ./test.sh --coverage needs
+#   --quiet   print nothing if nothing is missing
 
 # shellcheck source=scripts/lib.sh
 source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 
 readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w64-tools pkg-config
   libfuse3-dev fuse3 libsqlite3-dev wine64 wine python3 util-linux procps)
-readonly TEST_PACKAGES=(googletest clang-format clang-tidy shellcheck git)
+readonly TEST_PACKAGES=(googletest clang libclang-rt-dev clang-format clang-tidy shellcheck git)
 
 installed() {
   [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$1" 2>/dev/null) == ?i* ]]
@@ -52,7 +53,7 @@ main() {
     case $1 in
       --quiet) quiet=yes ;;
       --help | -h) print_help && return ;;
-      test | demo) purpose=$1 ;;
+      test | demo | coverage) purpose=$1 ;;
       *) usage_error "unknown argument '$1'" ;;
     esac
     shift
@@ -61,7 +62,8 @@ main() {
   command -v dpkg-query >/dev/null || die "This is not a Debian system: install by hand the" \
     "counterparts of ${DEMO_PACKAGES[*]} ${TEST_PACKAGES[*]}."
   local wanted=("${DEMO_PACKAGES[@]}") missing=() package
-  [[ $purpose == test ]] && wanted+=("${TEST_PACKAGES[@]}")
+  [[ $purpose == demo ]] || wanted+=("${TEST_PACKAGES[@]}")
+  [[ $purpose != coverage ]] || wanted+=("${COVERAGE_PACKAGES[@]}")
   for package in "${wanted[@]}"; do
     if needed "$package"; then missing+=("$package"); fi
   done

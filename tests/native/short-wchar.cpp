@@ -4,6 +4,7 @@
 #include <string>
 
 // The names stand for those that short-wchar.h puts in their place.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 std::size_t wcslen(const wchar_t* text) noexcept {
@@ -39,6 +40,7 @@ wchar_t* wmemset(wchar_t* to, wchar_t value, std::size_t count) noexcept {
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 // The standard library comes with this class compiled for 32-bit characters; the program's own
 // takes its place.

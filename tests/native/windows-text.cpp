@@ -140,9 +140,11 @@ int MultiByteToWideChar(UINT page, DWORD flags, LPCSTR text, int length, LPWSTR 
   return ConvertText(page, text, length, buffer, capacity, Decode);
 }
 
+// NOLINTBEGIN(readability-non-const-parameter): Windows writes to it.
 int WideCharToMultiByte(UINT page, DWORD flags, LPCWSTR text, int length, LPSTR buffer,
                         int capacity, LPCSTR defaultChar, BOOL* usedDefault) {
   if (flags != 0) return Fail(ERROR_INVALID_FLAGS);
   if (defaultChar != nullptr || usedDefault != nullptr) return Fail(ERROR_INVALID_PARAMETER);
   return ConvertText(page, text, length, buffer, capacity, Encode);
 }
+// NOLINTEND(readability-non-const-parameter)

@@ -50,6 +50,11 @@ class Feed {
     }
     return bytes;
   }
+  // The same, as text that ends at its first NUL.
+  std::string TakeText(std::size_t longest) {
+    const std::string bytes = TakeStretched(longest);
+    return bytes.substr(0, bytes.find('\0'));
+  }
 
  private:
   std::string_view rest_;

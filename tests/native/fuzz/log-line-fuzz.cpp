@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto error = feed.Take<HRESULT>();
   const auto count = feed.Take<std::int64_t>();
   const auto lastError = feed.Take<DWORD>();
-  const std::string source = feed.TakeBytes(feed.Take<std::uint8_t>());
+  const std::string source = feed.TakeText(255);
   const std::string text = feed.TakeBool() ? feed.TakeStretched(32767) : feed.TakeRest();
 
   SetLastError(lastError);
@@ -21,9 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                count);
   Require(GetLastError() == lastError, "the last error survives");
 
-  const std::string whole = std::string(source.c_str()) + " (" + std::to_string(line) +
-                            ") | Failed, path: " + text + " " + std::to_string(error) + " " +
-                            std::to_string(count) + "\r\n";
+  const std::string whole = source + " (" + std::to_string(line) + ") | Failed, path: " + text +
+                            " " + std::to_string(error) + " " + std::to_string(count) + "\r\n";
   const auto& lines = nimbra_native::Windows().debugLines;
   Require(lines.size() == 1, "one line is one call");
   Require(lines.front() == nimbra_native::ReferenceToUtf16(whole), "the line is complete");

@@ -92,8 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     *number = feed.Take<std::int64_t>();
   }
   const std::string identity = feed.TakeStretched(4096);
-  // As a client's text comes.
-  const std::string path = feed.TakeStretched(32767).c_str();  // NOLINT(*-string-constructor)
+  const std::string path = feed.TakeText(32767);
   cloud.placeholderInfo = feed.TakeStretched(5000) + feed.TakeRest();
 
   PlaceholderWinCF placeholder(path);

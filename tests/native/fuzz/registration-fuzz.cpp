@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // A plain folder: conversion has its own target.
   const std::string folder = "C:\\" + std::string(feed.Take<std::uint8_t>(), 'p');
   if ((choice & 2U) != 0) Windows().folders[CSIDL_PROGRAM_FILESX86] = ReferenceToUtf16(folder);
-  const auto takeText = [&feed] { return std::string(feed.TakeStretched(2000).c_str()); };
+  const auto takeText = [&feed] { return feed.TakeText(2000); };
   const Names names{takeText(), takeText(), takeText()};
   const std::string user = takeText();
   const corvdrive::cloud_filter::ShellRegistration registration{names.path, user, names.identity};

@@ -63,7 +63,7 @@ Reading Actual(const std::string& name) try {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   nimbra_native::Feed feed(data, size);
-  const std::uint8_t mode = feed.Take<std::uint8_t>();
+  const auto mode = feed.Take<std::uint8_t>();
   if ((mode & 4U) != 0) {
     const auto session = feed.Take<std::uint64_t>();
     const Reading expected = session <= 2147483647

@@ -55,7 +55,7 @@ void CheckFromUtf16(const std::u16string& units) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   nimbra_native::Feed feed(data, size);
-  const std::uint8_t mode = feed.Take<std::uint8_t>();
+  const auto mode = feed.Take<std::uint8_t>();
   const std::string bytes = (mode & 2U) != 0 ? feed.TakeStretched(32767) : feed.TakeRest();
   if ((mode & 1U) == 0) {
     CheckFromUtf8(bytes);
