@@ -15,6 +15,8 @@
 source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/lib.sh"
 # shellcheck source=scripts/demo-parts.sh
 source "$NIMBRA_SOURCE/scripts/demo-parts.sh"
+# shellcheck source=scripts/demo-explorer.sh
+source "$NIMBRA_SOURCE/scripts/demo-explorer.sh"
 
 show_listing() {
   step "Every file is there, and takes no room" \
@@ -193,6 +195,7 @@ main() {
     shift
   done
   set_up_paths "$folder"
+  SHEET="$NIMBRA_WORK/demo-thumbnails.png"
   if [[ $stop == yes ]]; then
     stop_kept_demo
     return
