@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ranges>
 #include <string>
 #include <vector>
 
@@ -37,9 +38,9 @@ class EntryParents {
     }
   }
   ~EntryParents() {
-    for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
-      RegDeleteTreeW(HKEY_CURRENT_USER, path->c_str());
-      RegDeleteKeyExW(HKEY_CURRENT_USER, path->c_str(), KEY_WOW64_64KEY, 0);
+    for (const std::wstring& path : std::views::reverse(made_)) {
+      RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
+      RegDeleteKeyExW(HKEY_CURRENT_USER, path.c_str(), KEY_WOW64_64KEY, 0);
     }
   }
   EntryParents(const EntryParents&) = delete;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cwchar>
 #include <optional>
+#include <ranges>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -44,8 +45,8 @@ class ClientFolders {
     last_ = path;
   }
   ~ClientFolders() {
-    for (auto path = made_.rbegin(); path != made_.rend(); ++path) {
-      RemoveDirectoryW(path->c_str());
+    for (const std::wstring& path : std::views::reverse(made_)) {
+      RemoveDirectoryW(path.c_str());
     }
   }
   ClientFolders(const ClientFolders&) = delete;

@@ -58,14 +58,14 @@ class EntryRegistrationTest : public ExplorerEntryFixture {
     for (const ValueRow& row : rows) {
       if (row.key != open) {
         if (!open.empty()) {
-          calls.push_back("close");
+          calls.emplace_back("close");
         }
         open = row.key;
         calls.push_back("open HKCU " + open);
       }
       calls.push_back("set " + row.name + " = " + testing::PrintToString(row.value));
     }
-    calls.push_back("close");
+    calls.emplace_back("close");
     return calls;
   }
   static std::vector<std::string> CallsSeen(const RegistryWatch& registry) {
@@ -81,10 +81,10 @@ class EntryRegistrationTest : public ExplorerEntryFixture {
                           testing::PrintToString(StoredValue{call.type, call.data}));
           break;
         case RegistryFunction::CloseKey:
-          calls.push_back("close");
+          calls.emplace_back("close");
           break;
         default:
-          calls.push_back("delete");
+          calls.emplace_back("delete");
       }
     }
     return calls;
