@@ -52,6 +52,10 @@ class Pending:
     def done(self):
         return self._answer is not None
 
+    def answered(self):
+        """Whether the answer has come, or the program has ended without it."""
+        return self._arrived.is_set()
+
     def result(self, timeout=30):
         if not self._arrived.wait(timeout):
             raise AssertionError(f"no answer within {timeout} s to: {self._what}")
@@ -115,6 +119,11 @@ class Program:
 
     def status(self, command, timeout=30, **arguments):
         return self.call(command, timeout, **arguments).status
+
+    def forget_events(self):
+        """For a long run: marks from before mean nothing afterwards."""
+        with self._lock:
+            self._events.clear()
 
     def mark(self):
         """A point in time: events() and wait_for() can leave out what came before it."""
