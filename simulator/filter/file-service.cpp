@@ -270,8 +270,9 @@ void FileService::Renamed(const ItemPtr& item, const std::string& source, FileRe
   if (item == nullptr) return;
   Guard guard(core_);
   const auto folder = core_.items.Find(root_, newFolder.reference, newFolder.inode);
-  if (folder != nullptr) {
-    // Inferred: the inheritance table holds for moves too.
+  const auto moved = source.substr(0, source.rfind('/')) != PathOf(newFolder.reference);
+  if (folder != nullptr && moved) {
+    // Inferred: the inheritance table holds for moves too; a new name alone changes nothing.
     const auto pin = InheritedPin(item->record.pin, folder->record.pin, item->record.directory);
     if (pin != item->record.pin) {
       item->record.pin = pin;

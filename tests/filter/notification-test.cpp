@@ -65,6 +65,15 @@ TEST_F(Notifications, DocumentedARenameWaitsForItsAnswer) {
   EXPECT_EQ(InfoOf("d/b").identity, "identity of a");
 }
 
+TEST_F(Notifications, ANewNameKeepsAPinStateThatAMoveWouldNot) {
+  provider.reset();  // nobody is to be asked
+  ASSERT_RESULT(api->SetPin(Path("a"), PinState::kExcluded), hr::kOk);
+  ASSERT_EQ(rename(Path("a").c_str(), Path("b").c_str()), 0);
+  EXPECT_EQ(InfoOf("b").pinState, static_cast<std::uint32_t>(PinState::kExcluded));
+  ASSERT_EQ(rename(Path("b").c_str(), Path("d/b").c_str()), 0);
+  EXPECT_EQ(InfoOf("d/b").pinState, static_cast<std::uint32_t>(PinState::kUnspecified));
+}
+
 TEST_F(Notifications, DocumentedAVetoedRenameDoesNothing) {
   auto renamed = RenameMeanwhile("a", "b");
   const auto question = Question(callback::kRename);

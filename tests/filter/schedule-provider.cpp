@@ -162,7 +162,9 @@ void ScheduleWorld::Dehydrate() {
 void ScheduleWorld::SetPin() {
   auto& file = *RandomFile();
   if (file.name.empty()) return;
-  file.pin = random_.Percent(50) ? PinState::kPinned : PinState::kUnspecified;
+  const PinState states[] = {PinState::kUnspecified, PinState::kPinned, PinState::kUnpinned,
+                             PinState::kExcluded};
+  file.pin = states[random_.Below(std::size(states))];
   Note("pins " + file.name + " " + std::to_string(static_cast<int>(file.pin)));
   Expect(placeholders_->SetPinState({PathOf(file), 0}, static_cast<std::uint32_t>(file.pin), 0) ==
              hr::kOk,
