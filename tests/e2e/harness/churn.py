@@ -5,6 +5,7 @@ import signal
 import subprocess
 import time
 
+from .content import write_content
 from .waiting import wait_until
 
 SIZES = (0, 1, 4095, 4096, 4097, 65_537, 300_001, 1 << 20)
@@ -94,10 +95,12 @@ class Churn:
         self.readers.append(Reader(self.root.path / file.name, file, offset, length, copy))
 
     def kill_reader(self):
+        """Whether there was one."""
         running = [reader for reader in self.readers if reader.process.poll() is None]
         if running:
             how = self.random.choice((signal.SIGKILL, signal.SIGINT, signal.SIGTERM))
             self.random.choice(running).kill(how)
+        return bool(running)
 
     def _unchanging(self):
         busy = {id(file) for _, file, _ in self.changes}
@@ -125,15 +128,29 @@ class Churn:
         process = subprocess.Popen(command, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
         self.changes.append((process, file, name))
 
+    def create_meanwhile(self):
+        """A file that is there as a whole afterwards, or not at all."""
+        self._count += 1
+        name = f"file{self._count}"
+        size = self.random.choice((1, 4096, 70_000))
+        file = File(name, write_content(self.root.source / name, size, name))
+        file.may_be_gone = True
+        self.files.append(file)
+        path = self.root.client_path(name)
+        self._start("create", path=path, identity=name, size=size)
+
     def command(self, name, **arguments):
         """Has the client do something to a file, whatever comes of it."""
         files = self.living()
-        if files and self.root.provider.process.poll() is None:
+        if files:
             path = self.root.client_path(self.random.choice(files).name)
-            try:
-                self.commands.append(self.root.provider.start(name, path=path, **arguments))
-            except OSError:
-                pass  # it has just been killed
+            self._start(name, path=path, **arguments)
+
+    def _start(self, name, **arguments):
+        try:
+            self.commands.append(self.root.provider.start(name, **arguments))
+        except (OSError, ValueError):
+            pass  # the client was killed
 
     # The end of it
 
@@ -162,7 +179,7 @@ class Churn:
                 wrong.append(f"{file.identity}: a rename or delete hangs")
                 process.kill()
                 code = process.wait()
-            wrong += self._note_change(file, name, code)
+            self._note_change(file, name, code)
         self.changes = []
         for pending in self.commands:
             wait_until(pending.answered, max(0.01, end - time.monotonic()), "the client's answers")
@@ -170,13 +187,10 @@ class Churn:
         return wrong
 
     def _note_change(self, file, name, code):
-        wrong = []
-        if name is None and code == 0:
+        if code == 0 and name is None:
             file.must_be_gone = True
-        found = [known for known in file.names if os.path.lexists(self.root.path / known)]
-        if name is not None and code == 0 and found != [name]:
-            wrong.append(f"{file.identity}: renamed to {name}, but there is {found}")
-        return wrong
+        elif code == 0:
+            file.names = [name]
 
     def resolve_names(self):
         """Fixes which names and files there are now; gives what cannot be."""
