@@ -89,8 +89,8 @@ void WritePng(IWICImagingFactory* factory, IWICBitmapSource* picture, const fs::
   Check(encoder->Commit());
 }
 
-// Two threads may make the same preview: each writes a file of its own, and whole ones replace
-// each other.
+// Two threads may make the same preview: each writes a file of its own, and the second to come
+// leaves the first one's where that is in use already.
 void MakePreview(const fs::path& image, const fs::path& preview) {
   ComPtr<IWICImagingFactory> factory;
   Check(CoCreateInstance(CLSID_WICImagingFactory, nullptr, CLSCTX_INPROC_SERVER,
@@ -99,7 +99,9 @@ void MakePreview(const fs::path& image, const fs::path& preview) {
   auto unfinished = preview;
   unfinished += std::to_string(GetCurrentThreadId()) + ".part";
   WritePng(factory.Get(), picture.Get(), unfinished);
-  fs::rename(unfinished, preview);
+  std::error_code inUse;
+  fs::rename(unfinished, preview, inUse);
+  if (inUse) fs::remove(unfinished);
 }
 
 // Called on the system's threads, several at once, while it draws a folder. Most files are no
@@ -114,7 +116,7 @@ bool FindPreview(const wchar_t* item, wchar_t* imagePath) noexcept try {
     Print("preview " + Utf8(image.lexically_relative(folders->source).generic_wstring()));
   }
   preview.native().copy(imagePath, MAX_PATH - 1);  // it is all zero, and so keeps its terminator
-  return true;
+  return fs::exists(preview);
 } catch (const std::exception&) {
   return false;
 }

@@ -8,6 +8,7 @@ import sys
 from harness.images import any_image, read_png, write_png
 from harness.mirror import MirrorCase
 from harness.settings import SETTINGS
+from harness.waiting import wait_until
 from harness.wine import dos_path, wine_program
 
 sys.path.insert(0, str(SETTINGS.scripts))
@@ -204,6 +205,16 @@ class Thumbnails(MirrorCase):
         super().setUpClass()
         registered = cls.prefix.run("regsvr32", "/s", dos_path(cls.bin / "thumbnail-proxy.dll"))
         assert registered.returncode == 0, "the proxy could not be registered"
+
+    def serve(self, *options):
+        mirror = super().serve(*options)
+        if "--explorer" in options:
+            wait_until(self.is_served, what="COM to know of mirror's thumbnails")
+        return mirror
+
+    def is_served(self):
+        self.ask(dos_path(self.root))
+        return "0x80040154" not in self.said  # REGDB_E_CLASSNOTREG
 
     def add_picture(self, name, width, height, seed=0):
         image = any_image(width, height, seed=seed)

@@ -64,6 +64,17 @@ class MirrorProcess:
             self.process.wait(10)
         self._finish()
 
+    def end(self):
+        """Whatever a test has come to. One that is killed would stay known to Wine's COM."""
+        if self.process.poll() is None:
+            self.stop_file.touch()
+            try:
+                self.process.wait(10)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait(10)
+        self._finish()
+
     def _finish(self):
         self._reader.join(5)
         self.process.stdout.close()
@@ -97,7 +108,7 @@ class MirrorCase(EndToEndCase):
 
     def serve(self, *options):
         mirror = MirrorProcess(self, *options, dos_path(self.source), dos_path(self.root))
-        self.addCleanup(mirror.kill)
+        self.addCleanup(mirror.end)
         mirror.wait_for_line("mirror: ready")
         return mirror
 
