@@ -3,9 +3,11 @@
 
     run.py --daemon build/linux-release/bin/cloud-filterd \\
            --file build/mingw-release/bin/Nimbra.dll --file ... test_hydration.Sizes
+    run.py --daemon ... --file ... --soak 1800
 
 NIMBRA_WORK        where prefixes are made and the tests work (the folder for temporary files)
 NIMBRA_NO_FUSE=1   skip, rather than fail, what needs /dev/fuse
+NIMBRA_SEED, NIMBRA_E2E_SEEDS, NIMBRA_CRASH_ROUNDS: see test_schedules.py and test_crashes.py
 NIMBRA_KEEP_E2E=1  leave each class's folder, with the logs of its programs, behind
 """
 
@@ -28,8 +30,17 @@ def parse_arguments():
     parser.add_argument("--file", action="append", default=[], help="a Windows file under test")
     parser.add_argument("--daemon", default="", help="cloud-filterd")
     parser.add_argument("--scripts", default=str(HERE.parents[1] / "scripts"))
-    parser.add_argument("tests", nargs="+", help="module, module.Class or module.Class.test")
-    return parser.parse_args()
+    parser.add_argument(
+        "--soak", type=int, metavar="SECONDS", help="a constant load for so long, and no growth"
+    )
+    parser.add_argument("tests", nargs="*", help="module, module.Class or module.Class.test")
+    arguments = parser.parse_args()
+    if arguments.soak:
+        os.environ["NIMBRA_SOAK_SECONDS"] = str(arguments.soak)
+        arguments.tests.append("soak")
+    if not arguments.tests:
+        parser.error("nothing to run: name tests, or ask for --soak")
+    return arguments
 
 
 def main():
