@@ -57,6 +57,13 @@ TEST(NativeText, EverySequenceOfTwoBytesConvertsAsTheReferenceSays) {
   }
 }
 
+TEST(NativeText, TextWithoutATerminatorEndsWithItsBuffer) {
+  Windows().swallowsTerminator = true;
+  EXPECT_EQ(Converted("\xE0"), u"\xFFFD");
+  EXPECT_EQ(Converted("C:/a/b/c/d/e\xE6"), u"C:/a/b/c/d/e\xFFFD");
+  Windows() = {};
+}
+
 TEST(NativeText, LoneSurrogatesAreReplacedOneByOne) {
   EXPECT_EQ(WideToUtf8(Wide(u"\xDE00\xD83D")), "\xEF\xBF\xBD\xEF\xBF\xBD");
   EXPECT_EQ(WideToUtf8(Wide(u"\xD83D\xD83D\xDE00")), "\xEF\xBF\xBD\xF0\x9F\x98\x80");

@@ -34,6 +34,8 @@ struct WindowsState {
   std::string fileContent;
   std::size_t filePosition = 0;
   int openHandles = 0;
+  // UTF-8 that ends within a sequence loses its terminator in conversion, as under Wine 8.
+  bool swallowsTerminator = false;
 };
 
 WindowsState& Windows();

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "windows-stand-in.h"
+
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
@@ -137,7 +139,13 @@ int ConvertText(UINT page, const Char* text, int length, Result* buffer, int cap
 int MultiByteToWideChar(UINT page, DWORD flags, LPCSTR text, int length, LPWSTR buffer,
                         int capacity) {
   if (flags != 0) return Fail(ERROR_INVALID_FLAGS);  // Strict conversion is not stood in for.
-  return ConvertText(page, text, length, buffer, capacity, Decode);
+  const bool swallows = nimbra_native::Windows().swallowsTerminator && length == -1;
+  return ConvertText(page, text, length, buffer, capacity, [swallows](std::string_view source) {
+    std::wstring wide = Decode(source);
+    const bool endsWithin = wide.size() > 1 && wide[wide.size() - 2] == kReplacement;
+    if (swallows && endsWithin) wide.pop_back();
+    return wide;
+  });
 }
 
 // NOLINTBEGIN(readability-non-const-parameter): Windows writes to it.

@@ -262,6 +262,7 @@ TEST_F(RegistryKeyTest, WithoutMemoryForANameNothingElseIsTouched) {
       try {
         RegistryKey key(HKEY_CURRENT_USER, path);
         static_cast<void>(key.SetValue(name, DWORD{7}));
+        static_cast<void>(key.SetValue(name, name));
         static_cast<void>(key.DeleteValue(name));
         static_cast<void>(key.DeleteTree(name));
       } catch (const std::bad_alloc&) {
@@ -275,6 +276,8 @@ TEST_F(RegistryKeyTest, WithoutMemoryForANameNothingElseIsTouched) {
   for (const RegistryCall& call : watch_.Calls()) {
     if (call.function != RegistryFunction::CloseKey) {
       EXPECT_GT(call.name.value_or(L"").size(), 15u);
+      EXPECT_TRUE(call.type != REG_EXPAND_SZ || call.data.size() > 15)
+          << "nor is an empty text set";
     }
   }
 }

@@ -32,7 +32,7 @@ void Log(const char* source, int line, const Pieces&... pieces) {
 }
 
 // A Win32 error code in the form in which the log prints it.
-[[nodiscard]] inline long ErrorNumber(DWORD code) { return static_cast<long>(code); }
+[[nodiscard]] inline LONG ErrorNumber(DWORD code) { return static_cast<LONG>(code); }
 
 }  // namespace corvdrive::cloud_filter
 

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <limits>
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -18,10 +18,13 @@ std::basic_string<Char> ConvertInTwoPasses(Convert convert) try {
     return {};
   }
   const std::unique_ptr<Char[]> buffer(new (std::nothrow) Char[static_cast<std::size_t>(count)]);
-  if (!buffer || convert(buffer.get(), count) <= 0) {
+  const int written = buffer ? convert(buffer.get(), count) : 0;
+  if (written <= 0) {
     return {};
   }
-  return std::basic_string<Char>(buffer.get());
+  // Wine writes no NUL behind a text that ends in the middle of a character.
+  const Char* const begin = buffer.get();
+  return std::basic_string<Char>(begin, std::find(begin, begin + written, Char{}));
 } catch (const std::bad_alloc&) {
   return {};
 }

@@ -17,11 +17,11 @@ HRESULT ToHresult(LSTATUS status) {
   return status > 0 ? HRESULT_FROM_WIN32(static_cast<DWORD>(status)) : static_cast<HRESULT>(status);
 }
 
-// Nothing when a name cannot be converted, for want of memory: the empty name that is left would
-// stand for the key itself, with all that it holds, or for its default value.
-std::optional<std::wstring> ToName(const std::string& name) {
-  std::wstring wide = Utf8ToWide(name);
-  if (wide.empty() && !name.empty()) {
+// Nothing when a text cannot be converted, for want of memory. The empty text that is left would,
+// as a name, stand for the key itself, with all that it holds, or for its default value.
+std::optional<std::wstring> ToWide(const std::string& text) {
+  std::wstring wide = Utf8ToWide(text);
+  if (wide.empty() && !text.empty()) {
     return std::nullopt;
   }
   return wide;
@@ -30,7 +30,7 @@ std::optional<std::wstring> ToName(const std::string& name) {
 }  // namespace
 
 RegistryKey::RegistryKey(HKEY rootHive, const std::string& subkey) {
-  const std::optional<std::wstring> name = ToName(subkey);
+  const std::optional<std::wstring> name = ToWide(subkey);
   if (!name || name->empty()) {
     return;
   }
@@ -51,8 +51,9 @@ bool RegistryKey::SetValue(const std::string& name, const DWORD& value) {
 }
 
 bool RegistryKey::SetValue(const std::string& name, const std::string& value) {
-  const std::wstring wide = Utf8ToWide(value);
-  return Write(name, REG_EXPAND_SZ, wide.c_str(), (wide.size() + 1) * sizeof(wchar_t));
+  const std::optional<std::wstring> wide = ToWide(value);
+  return wide ? Write(name, REG_EXPAND_SZ, wide->c_str(), (wide->size() + 1) * sizeof(wchar_t))
+              : Write(name, REG_EXPAND_SZ, nullptr, 0);
 }
 
 bool RegistryKey::SetValue(const std::string& name, const char* value) {
@@ -64,8 +65,8 @@ bool RegistryKey::Write(const std::string& name, DWORD type, const void* data, s
     Log(kSource, __LINE__, "registry not good");
     return false;
   }
-  const std::optional<std::wstring> wide = ToName(name);
-  if (!wide ||
+  const std::optional<std::wstring> wide = ToWide(name);
+  if (!wide || data == nullptr ||
       FAILED(ToHresult(RegSetValueExW(handle.Get(), wide->c_str(), 0, type,
                                       static_cast<const BYTE*>(data), static_cast<DWORD>(size))))) {
     Log(kSource, __LINE__, "Failed to set value");
@@ -78,7 +79,7 @@ bool RegistryKey::DeleteValue(const std::string& name) {
   if (!IsGood()) {
     return false;
   }
-  const std::optional<std::wstring> wide = ToName(name);
+  const std::optional<std::wstring> wide = ToWide(name);
   const HRESULT result =
       wide ? ToHresult(RegDeleteValueW(handle.Get(), wide->c_str())) : E_OUTOFMEMORY;
   if (FAILED(result)) {
@@ -93,7 +94,7 @@ bool RegistryKey::DeleteTree(const std::string& subkey) {
     Log(kSource, __LINE__, "reg is not good ", path);
     return false;
   }
-  const std::optional<std::wstring> wide = ToName(subkey);
+  const std::optional<std::wstring> wide = ToWide(subkey);
   const HRESULT result =
       wide ? ToHresult(RegDeleteTreeW(handle.Get(), wide->empty() ? nullptr : wide->c_str()))
            : E_OUTOFMEMORY;

@@ -35,6 +35,7 @@ class RegistryKey {
   [[nodiscard]] bool DeleteTree(const std::string& subkey);
 
  private:
+  // Null data stands for a value that could not be converted: a failure.
   bool Write(const std::string& name, DWORD type, const void* data, std::size_t size);
 
   HKEY root = nullptr;

@@ -5,14 +5,14 @@
 #include <wrl/client.h>
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <new>
+#include <optional>
 
 #include "common/debug-log.h"
 #include "common/owners.h"
 #include "common/text.h"
+#include "win-cf/bitmap-size.h"
 
 namespace corvdrive::cloud_filter {
 
@@ -22,6 +22,7 @@ std::atomic<ThumbRetriever> thumbRetriever = nullptr;
 
 namespace {
 
+using corvdrive::cloud_filter::BitmapBytes;
 using corvdrive::cloud_filter::Log;
 using corvdrive::cloud_filter::ThumbRetriever;
 using corvdrive::cloud_filter::thumbRetriever;
@@ -67,15 +68,8 @@ HRESULT ToBgra(IWICImagingFactory* factory, IWICBitmapSource* source,
   return source->QueryInterface(IID_PPV_ARGS(bgra.GetAddressOf()));
 }
 
-// A top-down bitmap of 32 bits per pixel and its pixels, or nothing. What an image file declares
-// is believed only as far as its pixels can be counted in 32 bits.
+// A top-down bitmap of 32 bits per pixel and its pixels, or nothing.
 UniqueBitmap NewBitmap(UINT width, UINT height, void*& pixels) {
-  constexpr std::uint64_t kMostPixels = std::numeric_limits<UINT>::max() / 4;
-  constexpr UINT kLongest = std::numeric_limits<LONG>::max();
-  if (width == 0 || height == 0 || width > kLongest || height > kLongest ||
-      std::uint64_t{width} * height > kMostPixels) {
-    return {};
-  }
   BITMAPINFO info{};
   info.bmiHeader.biSize = sizeof info.bmiHeader;
   info.bmiHeader.biWidth = static_cast<LONG>(width);
@@ -99,13 +93,14 @@ HRESULT WICCreate32bppHBITMAP(IWICBitmapSource* image, IWICImagingFactory* facto
   if (FAILED(result)) {
     return result;
   }
+  const std::optional<std::uint32_t> bytes = BitmapBytes(width, height);
   void* pixels = nullptr;
-  UniqueBitmap bitmap = NewBitmap(width, height, pixels);
+  UniqueBitmap bitmap = bytes ? NewBitmap(width, height, pixels) : UniqueBitmap();
   if (!bitmap.IsValid()) {
     return E_OUTOFMEMORY;
   }
   const WICRect all{0, 0, static_cast<INT>(width), static_cast<INT>(height)};
-  result = source->CopyPixels(&all, width * 4, width * height * 4, static_cast<BYTE*>(pixels));
+  result = source->CopyPixels(&all, width * 4, *bytes, static_cast<BYTE*>(pixels));
   if (SUCCEEDED(result)) {
     *out = bitmap.Release();
   }

@@ -12,6 +12,7 @@
 #include "common/installation.h"
 #include "common/owners.h"
 #include "common/text.h"
+#include "win-cf/shortcut-name.h"
 
 namespace corvdrive::cloud_filter {
 namespace {
@@ -20,8 +21,6 @@ using Microsoft::WRL::ComPtr;
 
 constexpr char kSource[] = R"(lib\cloud-filter\win-cf\wrapping-folder-composer)";
 
-constexpr char kHomeShare[] = "home";
-constexpr char kHomeLabel[] = "My Drive";
 constexpr int kIconIndex = 3;
 constexpr DWORD kFolderAttributes =
     FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
@@ -36,12 +35,14 @@ ComPtr<IShellLinkW> NewShellLink() {
 
 bool SaveShortcut(const std::string& target, const std::wstring& shortcutPath) {
   const ComPtr<IShellLinkW> link = NewShellLink();
-  if (!link) {
+  const std::wstring wideTarget = Utf8ToWide(target);
+  // Without memory for its target a shortcut would lead nowhere.
+  if (!link || (wideTarget.empty() && !target.empty())) {
     return false;
   }
   const std::wstring description =
       Utf8ToWide(std::string(kProductDisplayName) + " Client: " + target);
-  static_cast<void>(link->SetPath(Utf8ToWide(target).c_str()));
+  static_cast<void>(link->SetPath(wideTarget.c_str()));
   static_cast<void>(link->SetDescription(description.c_str()));
   static_cast<void>(link->SetIconLocation(Utf8ToWide(GetCloudDriveUiPath()).c_str(), kIconIndex));
   ComPtr<IPersistFile> file;
@@ -97,11 +98,7 @@ bool WrappingFolderComposer::CreateFolder() const {
 }
 
 std::string WrappingFolderComposer::GetShortcutBaseName() const {
-  if (remotePath == "/") {
-    return shareName == kHomeShare ? kHomeLabel : shareName;
-  }
-  const auto separator = remotePath.rfind('/');
-  return separator == std::string::npos ? remotePath : remotePath.substr(separator + 1);
+  return ShortcutBaseName(shareName, remotePath);
 }
 
 std::wstring WrappingFolderComposer::GetUniqueShortcutPath() const {
@@ -109,12 +106,12 @@ std::wstring WrappingFolderComposer::GetUniqueShortcutPath() const {
   if (folder.empty()) {
     return {};
   }
-  const std::wstring base = folder + L"\\" + Utf8ToWide(GetShortcutBaseName());
-  std::wstring candidate = base + L".lnk";
-  for (int n = 1; Exists(candidate); ++n) {
-    candidate = base + L"(" + std::to_wstring(n) + L").lnk";
+  const std::wstring base = Utf8ToWide(GetShortcutBaseName());
+  int n = 0;
+  while (Exists(ShortcutPath(folder, base, n))) {
+    ++n;
   }
-  return candidate;
+  return ShortcutPath(folder, base, n);
 }
 
 bool WrappingFolderComposer::CreateShortcut(const std::string& syncRootPath) const {

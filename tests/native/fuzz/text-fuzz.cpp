@@ -56,6 +56,7 @@ void CheckFromUtf16(const std::u16string& units) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   nimbra_native::Feed feed(data, size);
   const auto mode = feed.Take<std::uint8_t>();
+  nimbra_native::Windows().swallowsTerminator = (mode & 4U) != 0;
   const std::string bytes = (mode & 2U) != 0 ? feed.TakeStretched(32767) : feed.TakeRest();
   if ((mode & 1U) == 0) {
     CheckFromUtf8(bytes);
