@@ -2,8 +2,44 @@
 
 include_guard(GLOBAL)
 
+option(NIMBRA_CHECKED "Find mistakes with memory and undefined behaviour while running (MinGW)" OFF)
+option(NIMBRA_COVERAGE "Count which lines of the library run (MinGW)" OFF)
+
+# A build whose programs end at the first mistake: every block of memory between pages that cannot
+# be touched (tests/guard-heap), and undefined behaviour as a trap, as there is no sanitizer runtime
+# for this platform. Without -fno-allocation-dce the compiler removes pairs of new and delete that
+# nothing comes between, and -fno-tree-bit-ccp keeps it from taking all blocks for aligned to 16.
+function(nimbra_target_checks target)
+  target_compile_options(${target} PRIVATE -fsanitize=undefined -fsanitize-undefined-trap-on-error
+    -fno-allocation-dce -fno-tree-bit-ccp -fno-omit-frame-pointer)
+  target_compile_definitions(${target} PRIVATE NIMBRA_CHECKED=1)
+  get_target_property(type ${target} TYPE)
+  if(type MATCHES "EXECUTABLE|SHARED_LIBRARY")
+    target_sources(${target} PRIVATE "$<TARGET_OBJECTS:nimbra_guard_heap>")
+  endif()
+endfunction()
+
+# Lines of `target` are counted; what it is linked into writes the counts when it ends.
+function(nimbra_target_coverage target)
+  target_compile_options(${target} PRIVATE -O0 --coverage -fprofile-update=atomic
+    -fprofile-abs-path)
+  target_link_options(${target} PUBLIC --coverage)
+endfunction()
+
 # Warnings, and the settings that make a Windows binary stand on its own and rebuild identically.
 function(nimbra_target_defaults target)
+  nimbra_target_basics(${target})
+  if(NIMBRA_CHECKED)
+    nimbra_target_checks(${target})
+  endif()
+  get_target_property(folder ${target} SOURCE_DIR)
+  if(NIMBRA_COVERAGE AND folder STREQUAL "${CMAKE_SOURCE_DIR}/lib/cloud-filter")
+    nimbra_target_coverage(${target})
+  endif()
+endfunction()
+
+# The defaults without what finds mistakes in the target.
+function(nimbra_target_basics target)
   if(MSVC)
     target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8 /EHsc)
     if(NIMBRA_WARNINGS_AS_ERRORS)

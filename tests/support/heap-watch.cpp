@@ -14,11 +14,11 @@
 namespace nimbra_test {
 namespace {
 
-// Stands in front of every block of the C++ heap; as large as a multiple of the alignment that new
-// promises.
-struct alignas(64) Block {
+// Stands in front of every block of the C++ heap.
+struct Block {
   Block* previous;
   Block* next;
+  void* data;
   std::size_t size;
   // Made on the watching thread during the current watch.
   bool counted;
@@ -26,6 +26,12 @@ struct alignas(64) Block {
 };
 
 constexpr unsigned char kFreedFill = 0xDD;
+
+// What is allocated in front of a block: a multiple of the alignment that new promises, and room
+// for the header also where the heap of the checked build aligns less.
+constexpr std::size_t kPrefix = 64;
+static_assert(sizeof(Block) + alignof(Block) <= kPrefix);
+static_assert(kPrefix % __STDCPP_DEFAULT_NEW_ALIGNMENT__ == 0);
 
 SRWLOCK lock = SRWLOCK_INIT;
 Block* live = nullptr;
@@ -72,12 +78,20 @@ void Unlink(Block*& list, Block* block) {
 const Block* Find(const Block* list, const void* address) {
   const auto wanted = reinterpret_cast<std::uintptr_t>(address);
   for (const Block* block = list; block != nullptr; block = block->next) {
-    const auto begin = reinterpret_cast<std::uintptr_t>(block + 1);
+    const auto begin = reinterpret_cast<std::uintptr_t>(block->data);
     if (wanted >= begin && wanted < begin + std::max<std::size_t>(block->size, 1)) {
       return block;
     }
   }
   return nullptr;
+}
+
+void* Memory(void* address) { return static_cast<std::byte*>(address) - kPrefix; }
+
+Block* HeaderOf(void* address) {
+  const auto data = reinterpret_cast<std::uintptr_t>(address);
+  const std::size_t behind = (data - sizeof(Block)) % alignof(Block);
+  return reinterpret_cast<Block*>(static_cast<std::byte*>(address) - sizeof(Block) - behind);
 }
 
 bool Counts() { return watching && GetCurrentThreadId() == watchThread && !TestScope::Active(); }
@@ -93,18 +107,41 @@ void* Allocate(std::size_t size) {
       return nullptr;
     }
   }
-  if (size > SIZE_MAX - sizeof(Block)) {
+  if (size > SIZE_MAX - kPrefix) {
     return nullptr;
   }
-  auto* block = static_cast<Block*>(std::malloc(sizeof(Block) + size));
-  if (block == nullptr) {
+  auto* memory = static_cast<std::byte*>(std::malloc(kPrefix + size));
+  if (memory == nullptr) {
     return nullptr;
   }
+  void* address = memory + kPrefix;
+  Block* block = new (HeaderOf(address)) Block;
+  block->data = address;
   block->size = size;
   block->counted = counted;
   block->watch = watchNumber;
   Link(live, block);
-  return block + 1;
+  return address;
+}
+
+// The heap of the checked build gives no address out twice, and takes the memory of a freed block
+// away so that a use ends the program. So there a copy of the header is all that is kept.
+#ifdef NIMBRA_CHECKED
+constexpr bool kKeepsMemory = false;
+#else
+constexpr bool kKeepsMemory = true;
+#endif
+
+// Sets a freed block aside while the watch lasts.
+void Retire(Block* block, void* address) {
+  if (kKeepsMemory) {
+    Link(quarantine, block);
+    return;
+  }
+  if (void* copy = std::malloc(sizeof(Block)); copy != nullptr) {
+    Link(quarantine, new (copy) Block(*block));
+  }
+  std::free(Memory(address));
 }
 
 void Free(void* address) {
@@ -112,13 +149,13 @@ void Free(void* address) {
     return;
   }
   LockGuard guard;
-  Block* block = static_cast<Block*>(address) - 1;
+  Block* block = HeaderOf(address);
   Unlink(live, block);
   std::memset(address, kFreedFill, block->size);
   if (watching) {
-    Link(quarantine, block);
+    Retire(block, address);
   } else {
-    std::free(block);
+    std::free(Memory(address));
   }
 }
 
@@ -153,7 +190,7 @@ HeapWatch::~HeapWatch() {
   while (quarantine != nullptr) {
     Block* block = quarantine;
     Unlink(quarantine, block);
-    std::free(block);
+    std::free(kKeepsMemory ? Memory(block->data) : block);
   }
 }
 
@@ -217,7 +254,7 @@ bool HeapWatch::WasFreed(const void* address) {
 std::size_t HeapWatch::BlockSize(const void* address) {
   LockGuard guard;
   const Block* block = Find(live, address);
-  return block != nullptr && block + 1 == address ? block->size : 0;
+  return block != nullptr && block->data == address ? block->size : 0;
 }
 
 }  // namespace nimbra_test
