@@ -151,8 +151,9 @@ TEST_F(ShortcutNameTest, ALongNameFillsThePathToItsLimit) {
 }
 
 TEST_F(ShortcutNameTest, ANameThatIsNoFileNameIsAFailureAndMakesNothing) {
+  using std::string_literals::operator""s;
   const Snapshot before = FolderSnapshot(appData_.Path());
-  for (const std::string name : {"a?b", "a*b", "a<b", std::string(300, 'n').c_str()}) {
+  for (const std::string& name : {"a?b"s, "a*b"s, "a<b"s, std::string(300, 'n')}) {
     SCOPED_TRACE(name);
     log_.Clear();
     EXPECT_FALSE(Composer("home", "/" + name).CreateShortcut(kRoot));
