@@ -1,11 +1,18 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: lint, the cloud filter's own tests, the library's tests
-# under Wine, and the end-to-end tests. Installs what is missing (Debian 12).
+# under Wine, the end-to-end tests, what builds natively with the compiler's sanitizers and a fuzzer,
+# and what runs under Wine once more in a build that ends at the first mistake with memory and at
+# undefined behaviour. Installs what is missing (Debian 12).
 #
-#   ./test.sh [--quick] [-R REGEX]
+#   ./test.sh [--quick | --checked | --coverage | --soak SECONDS] [-R REGEX]
 #
-#   --quick   leave out clang-tidy and the end-to-end tests
-#   -R REGEX  only the CTest tests whose names match, and no lint
+#   --quick         leave out clang-tidy, the end-to-end tests, the sanitizers and the checked build
+#   --checked       only the tests in the checked build
+#   --coverage      only which lines and branches of the library its own tests run; fails for a line
+#                   that never runs and is not in tests/coverage-exceptions.txt
+#   --soak SECONDS  only a constant load for that long, under which nothing may grow
+#   -R REGEX        only the CTest tests whose names match, no lint, no sanitizers, and the checked
+#                   build only with --checked
 #
 # NIMBRA_WORK       where everything is built (build/, or a folder in the user's cache where the
 #                   checkout cannot be written)
@@ -19,8 +26,10 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/lib.sh"
 passed=0
 failed=0
 skipped=0
-quick=no
+mode=full
+soak_seconds=''
 filter=''
+selection=()  # what ctest gets for the filter
 
 # count <passed> <failed> <skipped>
 count() {
@@ -98,7 +107,7 @@ lint() {
   check 'shell scripts (shellcheck)' shellcheck check_shell
   check 'format (clang-format)' clang-format check_format
   check 'the example in README.md' readme "$NIMBRA_SOURCE/scripts/check-readme-example.sh"
-  [[ $quick == yes ]] || STAGE_LINES=200 check 'static analysis (clang-tidy)' clang-tidy \
+  [[ $mode == quick ]] || STAGE_LINES=200 check 'static analysis (clang-tidy)' clang-tidy \
     "$NIMBRA_SOURCE/scripts/tidy.py" --stamps "$NIMBRA_WORK/tidy-stamps" \
     "$NIMBRA_WORK/linux-release" "$NIMBRA_WORK/mingw-release"
 }
@@ -116,17 +125,82 @@ clean_up() {
   rm -rf --one-file-system -- "$TMPDIR" "$NIMBRA_WORK"/{e2e,conformance}-*
 }
 
+# build <preset>...: stops at the first that fails.
+build() {
+  local preset
+  for preset in "$@"; do
+    if ! stage "build, $preset" "$LOGS/build-$preset.log" \
+      "$NIMBRA_SOURCE/scripts/build.sh" "$preset"; then
+      count 0 1 0
+      return 1
+    fi
+  done
+}
+
+run_ordinary() {
+  build linux-release mingw-release || return 0
+  [[ -n $filter ]] || lint
+  run_ctest 'cloud filter (native)' linux-release "${selection[@]}"
+  if [[ $mode == quick ]]; then
+    run_ctest 'library (Wine)' mingw-release "${selection[@]}" -E '^e2e'
+  else
+    run_ctest 'library and end to end (Wine)' mingw-release "${selection[@]}"
+  fi
+}
+
+run_sanitized() {
+  build linux-sanitized || return 0
+  run_ctest 'sanitizers and fuzzer (native)' linux-sanitized
+}
+
+run_checked() {
+  build mingw-checked || return 0
+  run_ctest 'the same, memory and behaviour checked (Wine)' mingw-checked "${selection[@]}"
+}
+
+# The tests of the library's own; those of all parts together would hide what these leave out.
+run_coverage() {
+  build mingw-coverage || return 0
+  find "$NIMBRA_WORK/mingw-coverage" -name '*.gcda' -delete
+  run_ctest 'library (Wine)' mingw-coverage -E '^(e2e|cldapi)'
+  local log="$LOGS/coverage.log"
+  STAGE_LINES=200 check 'every line runs that should' coverage \
+    "$NIMBRA_SOURCE/scripts/coverage.py" "$NIMBRA_WORK/mingw-coverage"
+  printf '\n'
+  grep -E ' %$|^file ' -- "$log" || true
+}
+
+run_soak() {
+  build linux-release mingw-release || return 0
+  local files=() file built="$NIMBRA_WORK/mingw-release"
+  for file in bin/Nimbra.dll bin/mirror.exe simulator/cldapi.dll \
+    tests/e2e/programs/e2e-{provider,reader}.exe; do
+    files+=(--file "$built/$file")
+  done
+  check "a load for $soak_seconds s" soak python3 "$NIMBRA_SOURCE/tests/e2e/run.py" \
+    --daemon "$NIMBRA_WORK/linux-release/bin/cloud-filterd" "${files[@]}" --soak "$soak_seconds"
+  tail -n 20 -- "$LOGS/soak.log"
+}
+
 main() {
-  local selection=()
   while (($#)); do
     case $1 in
-      --quick) quick=yes ;;
+      --quick | --checked | --coverage | --soak)
+        [[ $mode == full ]] || usage_error "--$mode and $1 do not go together"
+        mode=${1#--}
+        if [[ $mode == soak ]]; then
+          [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || usage_error "--soak for how many seconds?"
+          soak_seconds=$2 && shift
+        fi
+        ;;
       -R) filter="${2:-}" && shift ;;
       --help | -h) print_help && return ;;
       *) usage_error "unknown argument '$1'" ;;
     esac
     shift
   done
+  [[ -z $filter || ($mode != coverage && $mode != soak) ]] ||
+    usage_error "--$mode and -R do not go together"
   choose_work_directory
   exec 7>"$NIMBRA_WORK/.lock"
   flock -n 7 || die "Another run uses '$NIMBRA_WORK'. Wait for it, or set NIMBRA_WORK to a folder of" \
@@ -142,21 +216,23 @@ main() {
   trap 'exit 143' TERM
 
   printf '%sNimbra%s: all checks. Work folder: %s\n' "$BOLD" "$PLAIN" "$NIMBRA_WORK"
-  "$NIMBRA_SOURCE/scripts/setup.sh" --quiet test 7>&-
-  local preset
-  for preset in linux-release mingw-release; do
-    if ! stage "build, $preset" "$LOGS/build-$preset.log" \
-      "$NIMBRA_SOURCE/scripts/build.sh" "$preset"; then
-      count 0 1 0
-      finish
-      return
-    fi
-  done
-
-  if [[ -n $filter ]]; then selection+=(-R "$filter" --no-tests=ignore); else lint; fi
-  run_ctest 'cloud filter (native)' linux-release "${selection[@]}"
-  [[ $quick == no ]] || selection+=(-E '^e2e')
-  run_ctest 'library and end to end (Wine)' mingw-release "${selection[@]}"
+  [[ -z $filter ]] || selection=(-R "$filter" --no-tests=ignore)
+  local purpose=test
+  [[ $mode != coverage ]] || purpose=coverage
+  "$NIMBRA_SOURCE/scripts/setup.sh" --quiet "$purpose" 7>&-
+  case $mode in
+    coverage) run_coverage ;;
+    checked) build linux-release && run_checked ;;
+    soak) run_soak ;;
+    quick) run_ordinary ;;
+    full)
+      run_ordinary
+      if [[ -z $filter ]]; then
+        run_sanitized
+        run_checked
+      fi
+      ;;
+  esac
   finish
 }
 

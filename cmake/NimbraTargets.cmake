@@ -21,8 +21,9 @@ endfunction()
 
 # Lines of `target` are counted; what it is linked into writes the counts when it ends.
 function(nimbra_target_coverage target)
+  # The last map is the one that counts: the sources are looked for where they are.
   target_compile_options(${target} PRIVATE -O0 --coverage -fprofile-update=atomic
-    -fprofile-abs-path)
+    -fprofile-abs-path "-fprofile-prefix-map=${CMAKE_SOURCE_DIR}=${CMAKE_SOURCE_DIR}")
   target_link_options(${target} PUBLIC --coverage)
 endfunction()
 

@@ -23,7 +23,7 @@ main() {
   local tests=ON
   if [[ ${1:-} == --without-tests ]]; then tests=OFF && shift; fi
   case ${1:-} in
-    linux-release | mingw-release | mingw-checked | mingw-coverage) ;;
+    linux-release | linux-sanitized | mingw-release | mingw-checked | mingw-coverage) ;;
     --help | -h) print_help && return ;;
     *) usage_error "unknown preset '${1:-}'" ;;
   esac
