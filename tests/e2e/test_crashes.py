@@ -14,8 +14,8 @@ from harness.daemon import mounts_below
 
 ROUNDS = int(os.environ.get("NIMBRA_CRASH_ROUNDS") or 20)
 FIRST = int(os.environ.get("NIMBRA_SEED") or 1)
-SECONDS_EACH = 15
-ALL_END_WITHIN = 10
+SECONDS_EACH = 30
+ALL_END_WITHIN = 20
 STATE_FILES = {"endpoint", "lock", "filter.db", "filter.db-wal", "filter.db-shm"}
 KEPT = ("placeholder", "pinned", "excluded", "inSync", "identity")
 SIZES = (1, 4097, 65_536, 130_003, 400_000)

@@ -8,7 +8,7 @@
 namespace cloud_filter::test {
 namespace {
 
-constexpr std::uint64_t kSeeds = 1500;
+constexpr std::uint64_t kSeeds = 1000;
 constexpr int kSteps = 60;
 
 std::string FailureOf(std::uint64_t seed) {

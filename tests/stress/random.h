@@ -27,7 +27,8 @@ class Random {
   }
   // first ... last, both included.
   int Between(int first, int last) {
-    return first + static_cast<int>(Below(static_cast<std::size_t>(last - first + 1)));
+    const int distance = last - first;
+    return first + static_cast<int>(Below(static_cast<std::size_t>(distance) + 1));
   }
   bool Percent(int chance) { return Between(0, 99) < chance; }
   template <typename T>

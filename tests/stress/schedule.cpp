@@ -17,10 +17,9 @@ Schedule* Schedule::current_ = nullptr;
 Schedule::Counts Schedule::counts;
 int Schedule::rootsMade = 0;
 
-Schedule::Schedule(std::uint64_t seed, Mode mode, const std::string& placeholderPath)
+Schedule::Schedule(std::uint64_t seed, Mode mode, std::string placeholderPath)
     : random_(seed),
-      seed_(seed),
-      placeholderPath_(placeholderPath),
+      placeholderPath_(std::move(placeholderPath)),
       scheduler_(mode, random_.Next()) {
   current_ = this;
   recording_ = Cloud();

@@ -30,7 +30,7 @@ void SetCallbacks(CORVWinCFCallbackDelegatorHandle delegator);
 class Schedule {
  public:
   // `placeholderPath` names a file that exists.
-  Schedule(std::uint64_t seed, Mode mode, const std::string& placeholderPath);
+  Schedule(std::uint64_t seed, Mode mode, std::string placeholderPath);
   ~Schedule();
   Schedule(const Schedule&) = delete;
   Schedule& operator=(const Schedule&) = delete;
@@ -145,7 +145,6 @@ class Schedule {
   static Schedule* current_;
 
   Random random_;
-  const std::uint64_t seed_;
   const std::string placeholderPath_;
   Scheduler scheduler_;
   nimbra_test::RecordingCloud cloud_;
@@ -154,7 +153,7 @@ class Schedule {
   const corvdrive::cloud_filter::CldApi* previous_ = nullptr;
   std::vector<CF_CALLBACK_REGISTRATION> translators_;
 
-  std::recursive_mutex model_;  // never held across a switch
+  RecursiveLock model_;  // never held across a switch
   std::vector<std::unique_ptr<Root>> roots_;
   std::vector<std::unique_ptr<Request>> requests_;
   std::vector<std::unique_ptr<Sending>> sendings_;

@@ -31,6 +31,20 @@ class Lock {
   SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
+// One that its thread may take again. Unlike MinGW's std::recursive_mutex it gives all back.
+class RecursiveLock {
+ public:
+  RecursiveLock() { InitializeCriticalSection(&section_); }
+  ~RecursiveLock() { DeleteCriticalSection(&section_); }
+  RecursiveLock(const RecursiveLock&) = delete;
+  RecursiveLock& operator=(const RecursiveLock&) = delete;
+  void lock() { EnterCriticalSection(&section_); }
+  void unlock() { LeaveCriticalSection(&section_); }
+
+ private:
+  CRITICAL_SECTION section_;
+};
+
 class Signal {
  public:
   void Give() { WakeAllConditionVariable(&condition_); }

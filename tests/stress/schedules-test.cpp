@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <string>
+#include <utility>
 
 #include "tests/stress/memory-count.h"
 #include "tests/stress/schedule.h"
@@ -27,12 +27,16 @@ constexpr std::size_t kNoise = 30;
 constexpr std::uint64_t kDeaths = 25;
 constexpr DWORD kDeathLimitMs = 20'000;
 constexpr char kDieOption[] = "--die=";
+constexpr char kFileOption[] = "--file=";
 
 SeedRange chosen{1, kSeeds};
 
 // What a schedule is played on.
 class Stage {
  public:
+  // `file` is the placeholder's.
+  explicit Stage(std::string file) : file_(std::move(file)) {}
+
   // Plays one; gives what was wrong.
   std::string FailureOf(std::uint64_t seed, Mode mode, int stepsToLive = -1) {
     log_.Clear();
@@ -49,9 +53,7 @@ class Stage {
   // The build on which deletes are told too.
   nimbra_test::WindowsBuild windows_{nimbra_test::kBuildThatHidesOption};
   nimbra_test::LogCapture log_;
-  nimbra_test::TempFolder folder_;
-  std::string written_ = folder_.WriteFile("file.txt", "0123456789");
-  std::string file_ = folder_.ItemWithSlashes("file.txt");
+  std::string file_;
 };
 
 class Schedules : public testing::Test {
@@ -65,7 +67,10 @@ class Schedules : public testing::Test {
     }
   }
 
-  Stage stage_;
+  nimbra_test::TempFolder folder_;
+  std::string written_ = folder_.WriteFile("file.txt", "0123456789");
+  std::string file_ = folder_.ItemWithSlashes("file.txt");
+  Stage stage_{file_};
 };
 
 void PrintCounts() {
@@ -160,7 +165,8 @@ TEST_F(Schedules, AClientThatEndsInTheMiddleEndsCleanly) {
   int died = 0;
   for (std::uint64_t death = 0; death < kDeaths; ++death) {
     const auto seed = std::to_string(chosen.first + death);
-    const auto code = ExitCodeOf(kDieOption + seed);
+    // The child ends without clean-up, so it makes nothing of its own.
+    const auto code = ExitCodeOf(kDieOption + seed + " " + kFileOption + file_);
     // Some schedules are over before.
     EXPECT_TRUE(code == 0 || code == Schedule::kDied)
         << kDieOption << seed << " ends with " << code;
@@ -170,35 +176,42 @@ TEST_F(Schedules, AClientThatEndsInTheMiddleEndsCleanly) {
 }
 
 // What the child of the test above does.
-int DieInTheMiddle(std::uint64_t seed) {
-  Stage stage;
+int DieInTheMiddle(std::uint64_t seed, const std::string& file) {
+  Stage stage(file);
   return stage.FailureOf(seed, Mode::kConcurrent, Random(seed).Between(0, 12)).empty() ? 0 : 1;
 }
 
-// The number after an option, or the fallback.
-std::uint64_t Option(int count, char** arguments, const char* name, std::uint64_t fallback) {
+// What follows an option, or the fallback.
+std::string Option(int count, char** arguments, const std::string& name,
+                   const std::string& fallback) {
   for (int at = 1; at < count; ++at) {
-    if (std::strncmp(arguments[at], name, std::strlen(name)) == 0) {
-      return std::strtoull(arguments[at] + std::strlen(name), nullptr, 10);
+    const std::string argument = arguments[at];
+    if (argument.starts_with(name)) {
+      return argument.substr(name.size());
     }
   }
   return fallback;
 }
 
-}  // namespace
-}  // namespace nimbra_stress
+std::uint64_t Number(int count, char** arguments, const std::string& name, std::uint64_t fallback) {
+  return std::stoull(Option(count, arguments, name, std::to_string(fallback)));
+}
 
-int main(int argc, char** argv) {
-  using namespace nimbra_stress;
+int Main(int argc, char** argv) {
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
   testing::InitGoogleMock(&argc, argv);
   chosen = SeedRange::Usual(kSeeds);
-  chosen.count = Option(argc, argv, "--seeds=", chosen.count);
-  if (const auto seed = Option(argc, argv, "--seed=", 0); seed != 0) {
+  chosen.count = Number(argc, argv, "--seeds=", chosen.count);
+  if (const auto seed = Number(argc, argv, "--seed=", 0); seed != 0) {
     chosen = {seed, 1};
   }
-  if (const auto seed = Option(argc, argv, kDieOption, 0); seed != 0) {
-    return DieInTheMiddle(seed);
+  if (const auto seed = Number(argc, argv, kDieOption, 0); seed != 0) {
+    return DieInTheMiddle(seed, Option(argc, argv, kFileOption, ""));
   }
   return RUN_ALL_TESTS();
 }
+
+}  // namespace
+}  // namespace nimbra_stress
+
+int main(int argc, char** argv) { return nimbra_stress::Main(argc, argv); }
