@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/faults/matrix.h"
+#include "tests/faults/options.h"
+
+namespace nimbra_test {
+namespace {
+
+// The first fault of the scenario that makes it fail, or the lack of memory, or none.
+Fault AFault(const Scenario& scenario, const Observation& usual) {
+  for (const Row& row : scenario.rows) {
+    const FunctionRow* const function = FindFunction(row.function);
+    if (row.outcome.result != scenario.success.result && row.n <= 1 && !row.code &&
+        function != nullptr && usual.calls.contains(row.function)) {
+      return {row.function, 1, true, function->failures.front()};
+    }
+  }
+  if (usual.calls.contains("allocation") && !scenario.mayThrow) {
+    return {"allocation", 1, true, {0, ERROR_NOT_ENOUGH_MEMORY, 0}};
+  }
+  return {};
+}
+
+Holdings Sum(Holdings total, const Holdings& more) {
+  for (const auto& [name, count] : more) {
+    total[name] += count;
+  }
+  std::erase_if(total, [](const auto& entry) { return entry.second == 0; });
+  return total;
+}
+
+Holdings Times(Holdings one, std::int64_t rounds) {
+  for (auto& [name, count] : one) {
+    count *= rounds;
+  }
+  std::erase_if(one, [](const auto& entry) { return entry.second == 0; });
+  return one;
+}
+
+// Each call again and again: what is held grows by what is kept on purpose, to the byte.
+class BalanceTest : public testing::TestWithParam<const Scenario*> {
+ protected:
+  static void Repeat(Stage& stage, const Scenario& scenario, const Fault& fault) {
+    const auto rounds =
+        std::max<std::int64_t>(1, static_cast<std::int64_t>(BalanceRounds()) / scenario.share);
+    // What is made on first use.
+    Play(stage, scenario, fault);
+    const Holdings one = Play(stage, scenario, fault).growth;
+    Holdings grown;
+    for (std::int64_t round = 0; round < rounds; ++round) {
+      grown = Sum(std::move(grown), Play(stage, scenario, fault).growth);
+    }
+    EXPECT_EQ(grown, Times(one, rounds)) << Describe(fault);
+  }
+};
+
+TEST_P(BalanceTest, KeepsWhatItIsToKeepAndNoMore) {
+  const Scenario& scenario = *GetParam();
+  EXPECT_EQ(scenario.kept.empty(), scenario.whyKept.empty());
+  EXPECT_EQ(scenario.share == 1, scenario.whyFewer.empty());
+  Stage stage;
+  MeetException(stage);
+  Play(stage, scenario);
+  Play(stage, scenario);
+  const Played usual = Play(stage, scenario);
+  EXPECT_EQ(usual.growth, Times(scenario.kept, 1));
+  Repeat(stage, scenario, {});
+  const Fault fault = AFault(scenario, usual.observation);
+  if (!fault.function.empty()) {
+    Repeat(stage, scenario, fault);
+  }
+}
+
+std::vector<const Scenario*> All() {
+  std::vector<const Scenario*> all;
+  for (const Scenario& scenario : Scenarios()) {
+    all.push_back(&scenario);
+  }
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllScenarios, BalanceTest, testing::ValuesIn(All()), [](const auto& test) {
+  return test.param->exportName + test.param->variant;
+});
+
+}  // namespace
+}  // namespace nimbra_test
