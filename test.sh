@@ -4,19 +4,21 @@
 # and what runs under Wine once more in a build that ends at the first mistake with memory and at
 # undefined behaviour. Installs what is missing (Debian 12).
 #
-#   ./test.sh [--quick | --checked | --coverage | --soak SECONDS] [-R REGEX]
+#   ./test.sh [--quick | --checked | --coverage | --soak [SECONDS]] [-R REGEX]
 #
 #   --quick         leave out clang-tidy, the end-to-end tests, the sanitizers and the checked build
 #   --checked       only the tests in the checked build
 #   --coverage      only which lines and branches of the library its own tests run; fails for a line
 #                   that never runs and is not in tests/coverage-exceptions.txt
-#   --soak SECONDS  only a constant load for that long, under which nothing may grow
+#   --soak SECONDS  only a constant load for that long (1800), under which nothing may grow; the
+#                   ordinary run has one of two minutes
 #   -R REGEX        only the CTest tests whose names match, no lint, no sanitizers, and the checked
 #                   build only with --checked
 #
 # NIMBRA_WORK       where everything is built (build/, or a folder in the user's cache where the
 #                   checkout cannot be written)
 # NIMBRA_NO_FUSE=1  skip, rather than fail, what needs /dev/fuse
+# NIMBRA_FUZZ_SECONDS  how long each fuzz target runs (60)
 #
 # The last line is "N passed, N failed"; the exit code is 0 if none failed and some passed.
 
@@ -27,7 +29,7 @@ passed=0
 failed=0
 skipped=0
 mode=full
-soak_seconds=''
+soak_seconds=1800
 filter=''
 selection=()  # what ctest gets for the filter
 
@@ -52,7 +54,7 @@ finish() {
 
 shell_scripts() {
   find "$NIMBRA_SOURCE/scripts" "$NIMBRA_SOURCE/tests" -name '*.sh'
-  printf '%s\n' "$NIMBRA_SOURCE/test.sh" "$NIMBRA_SOURCE/demo.sh" "$NIMBRA_SOURCE/.ci/run"
+  printf '%s\n' "$NIMBRA_SOURCE"/{test,demo,package-tests}.sh "$NIMBRA_SOURCE/.ci/run"
 }
 
 check_shell() {
@@ -148,8 +150,14 @@ run_ordinary() {
   fi
 }
 
+# What goes to a Windows machine, run here as it would be there.
+check_package() {
+  check 'the tests packed for Windows (Wine)' package "$NIMBRA_SOURCE/package-tests.sh" --check
+}
+
 run_sanitized() {
   build linux-sanitized || return 0
+  export NIMBRA_FUZZ_SECONDS="${NIMBRA_FUZZ_SECONDS:-60}"
   run_ctest 'sanitizers and fuzzer (native)' linux-sanitized
 }
 
@@ -171,7 +179,6 @@ run_coverage() {
 }
 
 run_soak() {
-  build linux-release mingw-release || return 0
   local files=() file built="$NIMBRA_WORK/mingw-release"
   for file in bin/Nimbra.dll bin/mirror.exe simulator/cldapi.dll \
     tests/e2e/programs/e2e-{provider,reader}.exe; do
@@ -188,10 +195,7 @@ main() {
       --quick | --checked | --coverage | --soak)
         [[ $mode == full ]] || usage_error "--$mode and $1 do not go together"
         mode=${1#--}
-        if [[ $mode == soak ]]; then
-          [[ ${2:-} =~ ^[1-9][0-9]*$ ]] || usage_error "--soak for how many seconds?"
-          soak_seconds=$2 && shift
-        fi
+        if [[ $mode == soak && ${2:-} =~ ^[1-9][0-9]*$ ]]; then soak_seconds=$2 && shift; fi
         ;;
       -R) filter="${2:-}" && shift ;;
       --help | -h) print_help && return ;;
@@ -223,11 +227,13 @@ main() {
   case $mode in
     coverage) run_coverage ;;
     checked) build linux-release && run_checked ;;
-    soak) run_soak ;;
+    soak) build linux-release mingw-release && run_soak ;;
     quick) run_ordinary ;;
     full)
       run_ordinary
       if [[ -z $filter ]]; then
+        check_package
+        soak_seconds=120 run_soak
         run_sanitized
         run_checked
       fi
