@@ -46,7 +46,7 @@ void CALLBACK Translate(const CF_CALLBACK_INFO* info, const CF_CALLBACK_PARAMETE
       *static_cast<const DelegatorReference*>(info->CallbackContext);
   std::unique_ptr<CallbackRecord> record;
   try {
-    record = std::make_unique<CallbackRecord>(Kind, *info, *parameters, delegator->Context());
+    record = std::make_unique<CallbackRecord>(Kind, *info, parameters, delegator->Context());
   } catch (const std::exception& failure) {
     ReportUnbuilt(failure.what());
     if constexpr (Kind == kFetchData) {

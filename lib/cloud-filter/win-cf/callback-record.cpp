@@ -34,7 +34,7 @@ std::string TextOrEmpty(const wchar_t* text) {
 }  // namespace
 
 CallbackRecord::CallbackRecord(CallbackKind kind, const CF_CALLBACK_INFO& info,
-                               const CF_CALLBACK_PARAMETERS& parameters, void* context) {
+                               const CF_CALLBACK_PARAMETERS* parameters, void* context) {
   record_.sessionNumber =
       ParseSessionNumber(std::string(Blob(info.SyncRootIdentity, info.SyncRootIdentityLength)));
   const std::string volume = TextOrEmpty(info.VolumeDosName);
@@ -51,21 +51,21 @@ CallbackRecord::CallbackRecord(CallbackKind kind, const CF_CALLBACK_INFO& info,
   }
 }
 
-void CallbackRecord::FillParameters(CallbackKind kind, const CF_CALLBACK_PARAMETERS& parameters,
+void CallbackRecord::FillParameters(CallbackKind kind, const CF_CALLBACK_PARAMETERS* parameters,
                                     std::string_view volume) {
   if (kind == kFetchData) {
-    record_.parameters[0] = parameters.FetchData.RequiredFileOffset.QuadPart;
-    record_.parameters[1] = parameters.FetchData.RequiredLength.QuadPart;
-    record_.parameters[2] = parameters.FetchData.OptionalFileOffset.QuadPart;
-    record_.parameters[3] = parameters.FetchData.OptionalLength.QuadPart;
+    record_.parameters[0] = parameters->FetchData.RequiredFileOffset.QuadPart;
+    record_.parameters[1] = parameters->FetchData.RequiredLength.QuadPart;
+    record_.parameters[2] = parameters->FetchData.OptionalFileOffset.QuadPart;
+    record_.parameters[3] = parameters->FetchData.OptionalLength.QuadPart;
   } else if (kind == kFetchCancel) {
-    record_.parameters[0] = parameters.Cancel.FetchData.FileOffset.QuadPart;
-    record_.parameters[1] = parameters.Cancel.FetchData.Length.QuadPart;
+    record_.parameters[0] = parameters->Cancel.FetchData.FileOffset.QuadPart;
+    record_.parameters[1] = parameters->Cancel.FetchData.Length.QuadPart;
   } else if (kind == kRename) {
     const auto bothInScope =
         CF_CALLBACK_RENAME_FLAG_SOURCE_IN_SCOPE | CF_CALLBACK_RENAME_FLAG_TARGET_IN_SCOPE;
-    if ((parameters.Rename.Flags & bothInScope) == bothInScope) {
-      targetPath_ = Join(volume, TextOrEmpty(parameters.Rename.TargetPath));
+    if ((parameters->Rename.Flags & bothInScope) == bothInScope) {
+      targetPath_ = Join(volume, TextOrEmpty(parameters->Rename.TargetPath));
       record_.targetPath = targetPath_.get();
     }
   }

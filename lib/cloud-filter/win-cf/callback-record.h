@@ -15,17 +15,18 @@ namespace corvdrive::cloud_filter {
 // points to; they live as long as this object.
 class CallbackRecord {
  public:
-  // Copies everything the record holds. Throws std::bad_alloc, and what ParseSessionNumber throws
-  // when the sync root's identity carries no readable number.
+  // Copies everything the record holds. The parameters are looked into for the kinds that have some
+  // to tell, and may be null for the others. Throws std::bad_alloc, and what ParseSessionNumber
+  // throws when the sync root's identity carries no readable number.
   CallbackRecord(CallbackKind kind, const CF_CALLBACK_INFO& info,
-                 const CF_CALLBACK_PARAMETERS& parameters, void* context);
+                 const CF_CALLBACK_PARAMETERS* parameters, void* context);
 
   [[nodiscard]] const CORVWinCFCallbackRecord* Get() const { return &record_; }
 
  private:
   using Text = std::unique_ptr<char[]>;
 
-  void FillParameters(CallbackKind kind, const CF_CALLBACK_PARAMETERS& parameters,
+  void FillParameters(CallbackKind kind, const CF_CALLBACK_PARAMETERS* parameters,
                       std::string_view volume);
   void FillProcess(const CF_PROCESS_INFO* process);
 
