@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 
 #include "tests/faults/matrix.h"
 #include "tests/faults/options.h"
@@ -23,14 +24,6 @@ Fault AFault(const Scenario& scenario, const Observation& usual) {
   return {};
 }
 
-Holdings Sum(Holdings total, const Holdings& more) {
-  for (const auto& [name, count] : more) {
-    total[name] += count;
-  }
-  std::erase_if(total, [](const auto& entry) { return entry.second == 0; });
-  return total;
-}
-
 Holdings Times(Holdings one, std::int64_t rounds) {
   for (auto& [name, count] : one) {
     count *= rounds;
@@ -48,10 +41,11 @@ class BalanceTest : public testing::TestWithParam<const Scenario*> {
     // What is made on first use.
     Play(stage, scenario, fault);
     const Holdings one = Play(stage, scenario, fault).growth;
-    Holdings grown;
+    const Holdings before = HeldNow(stage);
     for (std::int64_t round = 0; round < rounds; ++round) {
-      grown = Sum(std::move(grown), Play(stage, scenario, fault).growth);
+      PlayOnly(stage, scenario, fault);
     }
+    const Holdings grown = Growth(before, HeldNow(stage));
     EXPECT_EQ(grown, Times(one, rounds)) << Describe(fault);
   }
 };

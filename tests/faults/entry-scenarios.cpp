@@ -69,7 +69,15 @@ void RemoveTraces() {
   RegDeleteTreeW(HKEY_CURRENT_USER, (std::wstring(kNameSpace) + L"\\" + Wide(kClsid)).c_str());
   RegDeleteKeyValueW(HKEY_CURRENT_USER, kHiddenIcons, Wide(kClsid).c_str());
   const std::wstring folder = Folder();
-  DeleteFileW((folder + L"\\My Drive.lnk").c_str());
+  // Without memory for its name a shortcut has another one.
+  WIN32_FIND_DATAW data{};
+  const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &data);
+  if (search != INVALID_HANDLE_VALUE) {
+    do {
+      DeleteFileW((folder + L"\\" + data.cFileName).c_str());
+    } while (FindNextFileW(search, &data));
+    FindClose(search);
+  }
 }
 
 void Prepare(Stage& stage) {

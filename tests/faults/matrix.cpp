@@ -135,24 +135,6 @@ std::string Quote(const std::vector<std::string>& lines) {
   return text.empty() ? " none" : text;
 }
 
-Holdings HeldNow(const Stage& stage) {
-  Holdings held = stage.gates.Held();
-  held["kernel handle"] = static_cast<std::int64_t>(OpenHandleCount());
-  return held;
-}
-
-Holdings Difference(const Holdings& before, const Holdings& after) {
-  Holdings growth;
-  for (const auto& [name, count] : after) {
-    const auto found = before.find(name);
-    const std::int64_t change = count - (found == before.end() ? 0 : found->second);
-    if (change != 0) {
-      growth[name] = change;
-    }
-  }
-  return growth;
-}
-
 std::int64_t CallAndCatch(Stage& stage, const Scenario& scenario) {
   try {
     return scenario.call(stage);
@@ -203,6 +185,24 @@ Fault Uncallable(const std::string& name, DWORD error) {
 
 }  // namespace
 
+Holdings HeldNow(const Stage& stage) {
+  Holdings held = stage.gates.Held();
+  held["kernel handle"] = static_cast<std::int64_t>(OpenHandleCount());
+  return held;
+}
+
+Holdings Growth(const Holdings& before, const Holdings& after) {
+  Holdings growth;
+  for (const auto& [name, count] : after) {
+    const auto found = before.find(name);
+    const std::int64_t change = count - (found == before.end() ? 0 : found->second);
+    if (change != 0) {
+      growth[name] = change;
+    }
+  }
+  return growth;
+}
+
 void MeetException(Stage& stage) {
   // The object's memory and the exception's: the runtime then turns to its reserve, whose lock is
   // made on first use.
@@ -226,20 +226,15 @@ std::string Describe(const Fault& fault) {
          std::to_string(fault.code.number);
 }
 
-Played Play(Stage& stage, const Scenario& scenario, const Fault& fault) {
+Played PlayOnly(Stage& stage, const Scenario& scenario, const Fault& fault) {
   running = scenario.exportName + " " + scenario.variant + ", " + Describe(fault);
   Played run;
   stage.state.clear();
   stage.cloud.Clear();
-  const Holdings before = HeldNow(stage);
   if (scenario.setUp) {
     scenario.setUp(stage);
   }
-  if (fault.function.empty()) {
-    stage.gates.Begin();
-  } else {
-    stage.gates.Begin(fault);
-  }
+  stage.gates.Begin(fault);
   run.result = CallAndCatch(stage, scenario);
   run.observation = stage.gates.End();
   run.state = stage.state;
@@ -250,7 +245,13 @@ Played Play(Stage& stage, const Scenario& scenario, const Fault& fault) {
     scenario.tearDown(stage);
   }
   stage.cloud.Clear();
-  run.growth = Difference(before, HeldNow(stage));
+  return run;
+}
+
+Played Play(Stage& stage, const Scenario& scenario, const Fault& fault) {
+  const Holdings before = HeldNow(stage);
+  Played run = PlayOnly(stage, scenario, fault);
+  run.growth = Growth(before, HeldNow(stage));
   return run;
 }
 

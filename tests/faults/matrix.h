@@ -24,6 +24,11 @@ void MeetException(Stage& stage);
 
 // One run of a scenario.
 Played Play(Stage& stage, const Scenario& scenario, const Fault& fault = {});
+// The same without measuring what is held.
+Played PlayOnly(Stage& stage, const Scenario& scenario, const Fault& fault);
+// What is held now, kernel handles included, and by how much it is more than before.
+Holdings HeldNow(const Stage& stage);
+Holdings Growth(const Holdings& before, const Holdings& after);
 
 // What a fault is to lead to; nothing when the table does not say.
 std::optional<Outcome> Expected(const Scenario& scenario, const Fault& fault,
