@@ -39,7 +39,10 @@ std::vector<TextCall> PathCalls() {
        [](Stage& stage, const char* text) { return CALL(CORVWinCFIsFullyHydrated, text); }, -1},
       {"is hydrated, wide",
        [](Stage& stage, const char* text) {
-         return CALL(CORVWinCFIsFullyHydratedW, text == nullptr ? nullptr : Wide(text).c_str());
+         // Byte by byte, as what is ill-formed has no other form.
+         const std::string bytes = text == nullptr ? "" : text;
+         const std::wstring wide(bytes.begin(), bytes.end());
+         return CALL(CORVWinCFIsFullyHydratedW, text == nullptr ? nullptr : wide.c_str());
        },
        -1},
       {"a root's path",
