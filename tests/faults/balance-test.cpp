@@ -40,7 +40,8 @@ class BalanceTest : public testing::TestWithParam<const Scenario*> {
         std::max<std::int64_t>(1, static_cast<std::int64_t>(BalanceRounds()) / scenario.share);
     // What is made on first use.
     Play(stage, scenario, fault);
-    const Holdings one = Play(stage, scenario, fault).growth;
+    const Holdings measured = Play(stage, scenario, fault).growth;
+    const Holdings& one = fault.function.empty() ? scenario.kept : measured;
     const Holdings before = HeldNow(stage);
     for (std::int64_t round = 0; round < rounds; ++round) {
       PlayOnly(stage, scenario, fault);
