@@ -20,6 +20,12 @@ struct TextCall {
 
 constexpr char kClsid[] = "{7B1D0E52-FA17-4F08-9C61-000000004712}";
 
+// The release leaves the variable as it is.
+void ReleaseRoot(Stage& stage) {
+  CALL(CORVWinCFSyncRootRelease, &stage.root);
+  stage.root = nullptr;
+}
+
 std::vector<TextCall> PathCalls() {
   return {
       {"identity by path",
@@ -51,7 +57,7 @@ std::vector<TextCall> PathCalls() {
          if (result == 0) {
            CALL(CORVWinCFSyncRootConnect, stage.root, stage.delegator);
          }
-         CALL(CORVWinCFSyncRootRelease, &stage.root);
+         ReleaseRoot(stage);
          return result;
        },
        -1},
@@ -93,7 +99,7 @@ std::vector<TextCall> ObjectCalls() {
          NewRoot(stage);
          const auto result = CALL(CORVWinCFSyncRootProactiveTransferToPlaceholder, stage.root,
                                   stage.placeholder, text);
-         CALL(CORVWinCFSyncRootRelease, &stage.root);
+         ReleaseRoot(stage);
          return result;
        },
        -1},

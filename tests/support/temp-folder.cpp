@@ -134,12 +134,16 @@ TempFolder::TempFolder() {
   static std::atomic<unsigned> number{0};
   wchar_t base[MAX_PATH + 1];
   const DWORD length = GetTempPathW(MAX_PATH + 1, base);
-  // The long form, as what asks the system for the path again gets it.
-  path_ = std::wstring(base, length) + L"nimbra-test-" + std::to_wstring(GetCurrentProcessId()) +
-          L"-" + std::to_wstring(++number);
-  if (!CreateDirectoryW(path_.c_str(), nullptr)) {
-    throw std::runtime_error("the test's folder cannot be created");
-  }
+  // A program of the same number that was killed may have left one behind.
+  do {
+    // The long form, as what asks the system for the path again gets it.
+    path_ = std::wstring(base, length) + L"nimbra-test-" + std::to_wstring(GetCurrentProcessId()) +
+            L"-" + std::to_wstring(++number);
+    if (CreateDirectoryW(path_.c_str(), nullptr)) {
+      return;
+    }
+  } while (GetLastError() == ERROR_ALREADY_EXISTS);
+  throw std::runtime_error("the test's folder cannot be created");
 }
 
 TempFolder::~TempFolder() { Remove(path_); }

@@ -6,6 +6,7 @@
 
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
+#include "common/exception-state.h"
 #include "win-cf/callback-delegator.h"
 #include "win-cf/callback-record.h"
 #include "win-cf/operations.h"
@@ -45,6 +46,7 @@ void CALLBACK Translate(const CF_CALLBACK_INFO* info, const CF_CALLBACK_PARAMETE
   const DelegatorReference& delegator =
       *static_cast<const DelegatorReference*>(info->CallbackContext);
   std::unique_ptr<CallbackRecord> record;
+  PrepareExceptionState();
   try {
     record = std::make_unique<CallbackRecord>(Kind, *info, parameters, delegator->Context());
   } catch (const std::exception& failure) {

@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "common/exception-state.h"
 #include "common/version-flags.h"
 #include "nimbra/nimbra.h"
 
@@ -28,6 +29,7 @@ inline constexpr CORVWinCFStatus kFailed = -1;
 // export's failure.
 template <typename Result, typename Body>
 Result Guarded(Result onException, Body&& body) noexcept {
+  PrepareExceptionState();
   try {
     return std::forward<Body>(body)();
   } catch (...) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "common/debug-log.h"
+#include "common/exception-state.h"
 #include "common/module-pin.h"
 #include "nimbra-host/nimbra/class-factory.h"
 #include "nimbra-host/nimbra/export-support.h"
@@ -25,6 +26,7 @@ constexpr int kRegisteringLine = 729;
 // Lets COM deliver calls until the process ends: nothing ever signals the event. It, the factory
 // and its registration are never given back.
 void RunShellServices() noexcept {
+  PrepareExceptionState();
   static_cast<void>(CoInitializeEx(nullptr, COINIT_DISABLE_OLE1DDE));
   IClassFactory* const factory = new (std::nothrow) ClassFactory<WinCFThumbnailProvider>;
   DWORD cookie = 0;
