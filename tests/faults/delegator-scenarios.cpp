@@ -88,7 +88,7 @@ Scenario Event(const char* name, CF_CALLBACK_TYPE type, const std::string& recor
 }  // namespace
 
 std::vector<Scenario> DelegatorScenarios() {
-  const std::string program = " by \\Device\\HarddiskVolume1\\Windows\\notepad.exe";
+  const std::string program = R"( by \Device\HarddiskVolume1\Windows\notepad.exe)";
   const std::string item = "12 file-identity C:\\Sync\\file.txt";
   std::vector<Scenario> scenarios;
   scenarios.push_back({"CORVWinCFCallbackDelegatorNew",

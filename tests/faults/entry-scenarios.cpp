@@ -127,7 +127,7 @@ void AddRegistryRows(std::vector<Row>& rows) {
                     std::nullopt,
                     false});
     std::vector<std::string> all = {kCreated, kGenerated};
-    all.insert(all.end(), static_cast<std::size_t>(kValues - value + 1), kUnset);
+    all.insert(all.end(), static_cast<std::size_t>(kValues - value) + 1, kUnset);
     rows.push_back({"RegSetValueExW",
                     {0, all, Entry(static_cast<std::size_t>(value - 1), 1)},
                     value,
@@ -202,7 +202,7 @@ std::vector<Row> RemovalRows(const std::vector<std::string>& before, std::size_t
       // Deleting a value of a key that is not good says nothing.
       {"RegCreateKeyExW", {-1, before, Entry(1, shortcuts)}, 3},
       {"RegDeleteTreeW",
-       {-1, after(undeleted + "Software\\Classes\\CLSID\\{clsid} hr={hr}"),
+       {-1, after(undeleted + R"(Software\Classes\CLSID\{clsid} hr={hr})"),
         Entry(kValues, shortcuts)},
        1},
       {"RegDeleteTreeW",

@@ -218,6 +218,7 @@ std::vector<FunctionRow> ComRows() {
   return rows;
 }
 
+// NOLINTNEXTLINE(readability-function-size): a table.
 std::vector<FunctionRow> RuntimeRows() {
   std::vector<FunctionRow> rows = {
       {"malloc", Treatment::kAllocates, Zero({ERROR_NOT_ENOUGH_MEMORY})},

@@ -65,6 +65,7 @@ void WriteSlot(void** slot, void* value) {
 }
 
 // The platform's function of that name: the recording platform's.
+// NOLINTNEXTLINE(readability-function-size): a table.
 void* RecordedCloudFunction(std::string_view name) {
   const auto& cloud = corvdrive::cloud_filter::Cloud();
 #define NIMBRA_CLOUD(function) \

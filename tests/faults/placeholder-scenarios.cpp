@@ -88,7 +88,7 @@ Scenario IdentityScenario() {
                   std::string identity(4096, '\0');
                   std::memcpy(identity.data(), "untouched", 9);
                   CALL(CORVWinCFPlaceholderGetFileIdentity, stage.placeholder, identity.data());
-                  stage.state = identity.c_str();
+                  stage.state = identity.substr(0, identity.find('\0'));
                   return 0;
                 },
                 {0, {}, "file-identity"}, {{"CfGetPlaceholderInfo", {0, {kNoInfo}, "untouched"}}});

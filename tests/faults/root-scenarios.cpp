@@ -137,6 +137,7 @@ Scenario Registration(const char* name, std::int64_t (*call)(Stage&)) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-size): a table.
 std::vector<Scenario> RootScenarios() {
   std::vector<Scenario> scenarios;
   scenarios.push_back({"CORVWinCFSyncRootNew",

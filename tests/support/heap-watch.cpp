@@ -115,7 +115,7 @@ void* Allocate(std::size_t size) {
     return nullptr;
   }
   void* address = memory + kPrefix;
-  Block* block = new (HeaderOf(address)) Block;
+  auto* block = new (HeaderOf(address)) Block;
   block->data = address;
   block->size = size;
   block->counted = counted;

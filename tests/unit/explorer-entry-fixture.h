@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <ranges>
 #include <string>
 #include <vector>
 
@@ -38,9 +37,9 @@ class EntryParents {
     }
   }
   ~EntryParents() {
-    for (const std::wstring& path : std::views::reverse(made_)) {
-      RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
-      RegDeleteKeyExW(HKEY_CURRENT_USER, path.c_str(), KEY_WOW64_64KEY, 0);
+    for (; !made_.empty(); made_.pop_back()) {
+      RegDeleteTreeW(HKEY_CURRENT_USER, made_.back().c_str());
+      RegDeleteKeyExW(HKEY_CURRENT_USER, made_.back().c_str(), KEY_WOW64_64KEY, 0);
     }
   }
   EntryParents(const EntryParents&) = delete;
