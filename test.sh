@@ -111,7 +111,7 @@ lint() {
   check 'the example in README.md' readme "$NIMBRA_SOURCE/scripts/check-readme-example.sh"
   [[ $mode == quick ]] || STAGE_LINES=200 check 'static analysis (clang-tidy)' clang-tidy \
     "$NIMBRA_SOURCE/scripts/tidy.py" --stamps "$NIMBRA_WORK/tidy-stamps" \
-    "$NIMBRA_WORK/linux-release" "$NIMBRA_WORK/mingw-release"
+    "$NIMBRA_WORK"/{linux-release,mingw-release,linux-sanitized}
 }
 
 # Whatever happened, nothing that the tests started or mounted stays.
@@ -140,7 +140,9 @@ build() {
 }
 
 run_ordinary() {
-  build linux-release mingw-release || return 0
+  local presets=(linux-release mingw-release)
+  [[ $mode != full || -n $filter ]] || presets+=(linux-sanitized)
+  build "${presets[@]}" || return 0
   [[ -n $filter ]] || lint
   run_ctest 'cloud filter (native)' linux-release "${selection[@]}"
   if [[ $mode == quick ]]; then
@@ -156,7 +158,6 @@ check_package() {
 }
 
 run_sanitized() {
-  build linux-sanitized || return 0
   export NIMBRA_FUZZ_SECONDS="${NIMBRA_FUZZ_SECONDS:-60}"
   run_ctest 'sanitizers and fuzzer (native)' linux-sanitized
 }

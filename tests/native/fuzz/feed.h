@@ -35,7 +35,7 @@ class Feed {
   }
   bool TakeBool() { return (Take<std::uint8_t>() & 1U) != 0; }
   std::string TakeBytes(std::size_t count) {
-    const std::string bytes(rest_.substr(0, std::min(count, rest_.size())));
+    std::string bytes(rest_.substr(0, std::min(count, rest_.size())));
     rest_.remove_prefix(bytes.size());
     return bytes;
   }
