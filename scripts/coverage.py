@@ -36,6 +36,7 @@ def read_counts(build):
         "--json",
         "-",
         build / "lib" / "cloud-filter",
+        build / "tests" / "unit",
     ]
     result = subprocess.run(command, cwd=build, capture_output=True, text=True, check=False)
     if result.returncode != 0:

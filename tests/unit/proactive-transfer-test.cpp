@@ -241,6 +241,22 @@ TEST_F(ProactiveTransferTest, ASizeThatCannotBeHadReleasesKeyAndFile) {
   EXPECT_EQ(size.Count(), 1);
 }
 
+TEST_F(ProactiveTransferTest, ABufferThatCannotBeHadReleasesKeyAndFile) {
+  const std::string path = LocalFile(10);
+  const FileWatch files;
+  nimbra_test::ImportDouble<"VirtualAlloc", decltype(&::VirtualAlloc)> pages;
+  pages.FailCall(1, nullptr, ERROR_COMMITMENT_LIMIT);
+
+  EXPECT_EQ(Transfer(path), -1);
+
+  EXPECT_THAT(
+      log_.Lines(),
+      ElementsAre(IsLogLine(kSyncRootSource, "Failed to allocate the transfer buffer, ec = 1455")));
+  ExpectKeyReleased();
+  EXPECT_THAT(cloud_.CallsOf<ExecuteCall>(), IsEmpty());
+  EXPECT_EQ(files.StillOpen(), 0);
+}
+
 TEST_F(ProactiveTransferTest, AFailedMoveEndsTheTransferAtItsChunk) {
   const std::string path = LocalFile(10 * kMiB);
   for (int chunk = 1; chunk <= 3; ++chunk) {

@@ -98,19 +98,19 @@ const CldApi& SystemTable() {
   static std::mutex mutex;
   static CldApi complete;
   const std::lock_guard lock(mutex);
-  if (const CldApi* table = loaded.load(std::memory_order_relaxed)) {
-    return *table;
+  // Another thread may have been quicker.
+  if (loaded.load(std::memory_order_relaxed) == nullptr) {
+    // The default directories leave out the current one, where a foreign DLL could lie in wait.
+    const HMODULE module = LoadLibraryExW(L"cldapi.dll", nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
+    if (module == nullptr) {
+      const DWORD loadError = GetLastError();
+      // Rewriting equal entries would race with callers of the table given out before.
+      static const CldApi absent = MakeTable(nullptr, loadError);
+      return absent;
+    }
+    complete = MakeTable(module, ERROR_SUCCESS);
+    loaded.store(&complete, std::memory_order_release);
   }
-  // The default directories leave out the current one, where a foreign DLL could lie in wait.
-  const HMODULE module = LoadLibraryExW(L"cldapi.dll", nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
-  if (module == nullptr) {
-    const DWORD loadError = GetLastError();
-    // Rewriting equal entries would race with callers of the table given out before.
-    static const CldApi absent = MakeTable(nullptr, loadError);
-    return absent;
-  }
-  complete = MakeTable(module, ERROR_SUCCESS);
-  loaded.store(&complete, std::memory_order_release);
   return complete;
 }
 

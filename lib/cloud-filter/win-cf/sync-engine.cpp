@@ -72,12 +72,10 @@ bool SyncEngineWinCF::Register() {
 }
 
 bool SyncEngineWinCF::Unregister() {
-  if (!composer.RemoveShortcut(syncRootPath)) {
-    return false;
-  }
-  const std::wstring folder = Utf8ToWide(composer.GetWrappingFolderPath());
   // One entry serves all sync roots with a shortcut in the folder; it goes with the last.
-  return !PathIsDirectoryEmptyW(folder.c_str()) || UnregisterNamespace(clsid);
+  return composer.RemoveShortcut(syncRootPath) &&
+         (!PathIsDirectoryEmptyW(Utf8ToWide(composer.GetWrappingFolderPath()).c_str()) ||
+          UnregisterNamespace(clsid));
 }
 
 bool SyncEngineWinCF::RegisterNamespace() const {

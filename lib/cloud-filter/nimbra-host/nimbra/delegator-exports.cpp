@@ -7,7 +7,7 @@ namespace {
 
 CORVWinCFStatus SetCallback(CORVWinCFCallbackDelegatorHandle handle, CallbackKind kind,
                             CORVWinCFCallback callback) {
-  if (IsGateClosed() || handle == nullptr || callback == nullptr) {
+  if (IsGateClosed() || handle == nullptr) {
     return kFailed;
   }
   return Guarded(kFailed, [&] { return ToStatus((*ToCell(handle))->SetCallback(kind, callback)); });
