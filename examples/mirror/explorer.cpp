@@ -58,11 +58,24 @@ std::string NameOf(const fs::path& folder) {
   return Utf8(folder.has_filename() ? folder.filename().native() : folder.native().substr(0, 1));
 }
 
-// A shortcut to a folder that is gone leads nowhere and is not found: the entry goes without it.
+bool HasEntry(const std::string& clsid) {
+  HKEY key = nullptr;
+  const auto name = Path("Software/Classes/CLSID/" + clsid + "/ShellFolder").make_preferred();
+  if (RegOpenKeyExW(HKEY_CURRENT_USER, name.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    return false;
+  }
+  RegCloseKey(key);
+  return true;
+}
+
+// A root's shortcut is found by where it leads. An entry whose shortcut or root is gone stays, and
+// goes without it.
 bool Remove(const fs::path& root, const std::string& clsid) {
-  if (!fs::exists(root)) return CORVWinCFSyncEngineUnregisterSystemFolder(clsid.c_str()) == 0;
-  return CORVWinCFSyncEngineUnregister(Utf8(root).c_str(), clsid.c_str(), FolderNumber(clsid), "",
-                                       "", "") == 0;
+  if (fs::exists(root) && CORVWinCFSyncEngineUnregister(Utf8(root).c_str(), clsid.c_str(),
+                                                        FolderNumber(clsid), "", "", "") != 0) {
+    return false;
+  }
+  return !HasEntry(clsid) || CORVWinCFSyncEngineUnregisterSystemFolder(clsid.c_str()) == 0;
 }
 
 }  // namespace
@@ -85,9 +98,10 @@ void ShowInExplorer(const fs::path& source, const fs::path& givenRoot) {
   }
   Remove(root, clsid);  // what was made nevertheless
   Forget(root);
-  throw Failure("cannot show " + Utf8(root) + " in Explorer",
-                "it takes a writable folder for local application data, and the client's launcher "
-                "installed; the debugger output may say more");
+  throw Failure(
+      "cannot show " + Utf8(root) + " in Explorer",
+      "it takes a writable folder for local application data and one for 32-bit programs; "
+      "the debugger output may say more");
 }
 
 bool HideFromExplorer(const fs::path& givenRoot) {

@@ -18,7 +18,7 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-constexpr UINT kLongestSide = 256;  // of a preview: as much as Explorer shows
+constexpr UINT kLongestSide = 256;  // of a preview: as much as Explorer usually shows
 
 struct Folders {
   fs::path source, root, previews;

@@ -27,13 +27,15 @@
  *     family, exactly once, and not used afterwards. Sync roots and callback delegators live on
  *     until the process ends: their release gives back the handle only.
  *  7. Threads. Any function may be called from any thread, from a callback too, and at the same
- *     time as any other, with two limits: one placeholder handle is used by one thread at a time,
- *     and a delegator's callbacks are set before it is connected and stay as they are. No
- *     function takes a lock that another waits for.
+ *     time as any other, with three limits: one placeholder handle is used by one thread at a
+ *     time; a delegator's callbacks are set before it is connected and stay as they are; sync roots
+ *     of one Explorer entry are registered one after another. No function takes a lock that
+ *     another waits for.
  *  8. Diagnostics. Every failure of the platform writes one line to the debugger output
- *     (OutputDebugString) where no other is announced. There is nothing to switch on.
+ *     (OutputDebugString) where nothing else is announced; wrong arguments write none. There is
+ *     nothing to switch on.
  *  9. Memory. Running out of it is a failure like any other: -1, E_OUTOFMEMORY (0x8007000E) or
- *     null.
+ *     null. No C++ exception leaves a function, except where its description says so.
  * 10. Calling convention: the one of 64-bit Windows. The library needs cldapi.dll and loads it on
  *     first use from the default DLL directories; without it, or without a function in it, calls
  *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F).
@@ -577,7 +579,7 @@ void CORVWinCFPlaceholderRelease(CORVWinCFPlaceholderHandle handle);
  * @param type            1 for a folder, anything else for a file.
  * @return the handle; release it with CORVWinCFPlaceholderMetaRelease. Null on failure; only when
  *         the handle could be had but not the memory for the metadata behind it, std::bad_alloc
- *         leaves this one function as a C++ exception.
+ *         leaves it as a C++ exception.
  */
 CORVWinCFPlaceholderMetaHandle CORVWinCFPlaceholderMetaNew(int64_t lastAccessTime,
                                                            int64_t changeTime, int64_t creationTime,
@@ -624,8 +626,9 @@ void CORVWinCFReleaseGuid(void* guid);
  *                        last component, or after the share when it is "/"; when there is such a
  *                        shortcut, "(1)", "(2)" … is appended. It must be a file name: nothing is
  *                        checked.
- * @return 0; -1 when the folder or the shortcut cannot be made, or the client's launcher is not
- *         installed (the entry then has its name, but nothing to show).
+ * @return 0; -1 when the folder or the shortcut cannot be made, or there is no folder for 32-bit
+ *         programs, where the client's launcher is expected (which is not logged; of the entry only
+ *         the class key with its name is written then).
  */
 CORVWinCFStatus CORVWinCFSyncEngineRegister(const char* syncRootPath, const char* clsid,
                                             uint64_t systemFolderId, const char* displayName,
@@ -641,8 +644,10 @@ CORVWinCFStatus CORVWinCFSyncEngineRegister(const char* syncRootPath, const char
  * @param clsid           as it was registered.
  * @param systemFolderId  as it was registered. The other arguments are not used; pass them as for
  *                        the registration, as null is a failure.
- * @return 0, also when the entry stays because other shortcuts do; -1 when the entry could not be
- *         removed, or was not there, in full: what follows the part that failed is left as it is.
+ * @return 0, also when the entry stays because there are other files in the folder, or because the
+ *         folder is missing or cannot be read (CORVWinCFSyncEngineUnregisterSystemFolder removes it
+ *         then); -1 when the entry could not be removed, or was not there, in full: what follows
+ *         the part that failed is left as it is.
  */
 CORVWinCFStatus CORVWinCFSyncEngineUnregister(const char* syncRootPath, const char* clsid,
                                               uint64_t systemFolderId, const char* displayName,
@@ -662,8 +667,8 @@ CORVWinCFStatus CORVWinCFSyncEngineUnregisterSystemFolder(const char* clsid);
 
 /**
  * Finds an image that stands for an item, for instance a preview from the client's server. Called
- * on COM's threads, several at once. It should not open the item, which would fetch its data. An
- * exception that leaves it counts as false.
+ * on COM's threads, several at once. It should not open the item, which would fetch its data. No
+ * exception may leave it; one of the compiler that the library was built with counts as false.
  *
  * @param itemPath   the item.
  * @param imagePath  [out] 260 characters, all zero: receives the path of a local file in a format

@@ -182,7 +182,7 @@ class Entry(MirrorCase):
         self.addCleanup(theirs.unlink)
         output = self.run_mirror("--explorer", self.source, self.root, code=1)
         self.assertIn(f"cannot show {dos_path(self.root)} in Explorer", output)
-        self.assertIn("the client's launcher", output)
+        self.assertIn("32-bit programs", output)
         self.assertNotIn(dos_path(self.root), self.remembered())
         self.run_mirror("--unregister", self.root)
 

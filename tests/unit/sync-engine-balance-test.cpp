@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cwchar>
 #include <optional>
-#include <ranges>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -45,8 +44,8 @@ class ClientFolders {
     last_ = path;
   }
   ~ClientFolders() {
-    for (const std::wstring& path : std::views::reverse(made_)) {
-      RemoveDirectoryW(path.c_str());
+    for (; !made_.empty(); made_.pop_back()) {
+      RemoveDirectoryW(made_.back().c_str());
     }
   }
   ClientFolders(const ClientFolders&) = delete;

@@ -107,9 +107,13 @@ bool NamesAnEntry(const std::string& clsid) {
 }
 
 bool UnregisterNamespace(const std::string& clsid) {
-  return RegistryKey(HKEY_CURRENT_USER, kClassKeyRoot + clsid).DeleteTree("") &&
-         RegistryKey(HKEY_CURRENT_USER, NameSpaceKey()).DeleteTree(clsid) &&
-         RegistryKey(HKEY_CURRENT_USER, HiddenIconsKey()).DeleteValue(clsid);
+  if (!RegistryKey(HKEY_CURRENT_USER, kClassKeyRoot + clsid).DeleteTree("")) {
+    return false;
+  }
+  if (!RegistryKey(HKEY_CURRENT_USER, NameSpaceKey()).DeleteTree(clsid)) {
+    return false;
+  }
+  return RegistryKey(HKEY_CURRENT_USER, HiddenIconsKey()).DeleteValue(clsid);
 }
 
 std::string GenerateClsid() {

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "common/debug-log.h"
+#include "common/exception-state.h"
 #include "common/owners.h"
 #include "common/text.h"
 #include "win-cf/bitmap-size.h"
@@ -24,6 +25,7 @@ namespace {
 
 using corvdrive::cloud_filter::BitmapBytes;
 using corvdrive::cloud_filter::Log;
+using corvdrive::cloud_filter::PrepareExceptionState;
 using corvdrive::cloud_filter::ThumbRetriever;
 using corvdrive::cloud_filter::thumbRetriever;
 using corvdrive::cloud_filter::UniqueBitmap;
@@ -114,6 +116,7 @@ HRESULT Decode(IStream* stream, HBITMAP* out) {
   HRESULT result = CoCreateInstance(CLSID_WICImagingFactory2, nullptr, CLSCTX_INPROC_SERVER,
                                     IID_PPV_ARGS(factory.GetAddressOf()));
   if (SUCCEEDED(result)) {
+    // The decoders that come with Windows; GUID_VendorMicrosoftBuiltIn stands for other ones.
     result = factory->CreateDecoderFromStream(
         stream, &GUID_VendorMicrosoft, WICDecodeMetadataCacheOnDemand, decoder.GetAddressOf());
   }
@@ -165,6 +168,7 @@ ULONG WinCFThumbnailProvider::Release() {
 }
 
 HRESULT WinCFThumbnailProvider::Initialize(IShellItem* shellItem, DWORD /*mode*/) try {
+  PrepareExceptionState();
   if (shellItem == nullptr) {
     return E_INVALIDARG;
   }
@@ -187,6 +191,7 @@ HRESULT WinCFThumbnailProvider::Initialize(IShellItem* shellItem, DWORD /*mode*/
 }
 
 HRESULT WinCFThumbnailProvider::GetThumbnail(UINT /*cx*/, HBITMAP* phbmp, WTS_ALPHATYPE* pdwAlpha) {
+  PrepareExceptionState();
   if (phbmp == nullptr || pdwAlpha == nullptr) {
     return E_POINTER;
   }

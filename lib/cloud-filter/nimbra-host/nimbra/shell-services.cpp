@@ -26,7 +26,7 @@ constexpr int kRegisteringLine = 729;
 // Lets COM deliver calls until the process ends: nothing ever signals the event. It, the factory
 // and its registration are never given back.
 void RunShellServices() noexcept {
-  PrepareExceptionState();
+  PrepareExceptionState();  // which the new below needs inside
   static_cast<void>(CoInitializeEx(nullptr, COINIT_DISABLE_OLE1DDE));
   IClassFactory* const factory = new (std::nothrow) ClassFactory<WinCFThumbnailProvider>;
   DWORD cookie = 0;

@@ -2,8 +2,10 @@
 
 #include <objbase.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "nimbra-host/nimbra/export-support.h"
 #include "win-cf/sync-engine.h"
