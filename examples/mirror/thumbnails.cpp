@@ -38,9 +38,14 @@ fs::path SourceOf(std::wstring_view item) {
 
 // The name of a file's preview in the temporary folder, another one when the file has changed.
 fs::path PreviewOf(const fs::path& image) {
+  // The file system library may know the time to the second only, and a picture can change twice.
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  GetFileAttributesExW(image.c_str(), GetFileExInfoStandard, &data);
   auto key = image.native();
-  key.append(L"|").append(std::to_wstring(fs::last_write_time(image).time_since_epoch().count()));
-  key.append(L"|").append(std::to_wstring(fs::file_size(image)));
+  for (const DWORD part : {data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime,
+                           data.nFileSizeHigh, data.nFileSizeLow}) {
+    key.append(L"|").append(std::to_wstring(part));
+  }
   wchar_t name[32];
   std::swprintf(name, std::size(name), L"%016zx.png", std::hash<std::wstring>()(key));
   return folders->previews / name;

@@ -4,6 +4,7 @@ import os
 import pathlib
 import subprocess
 import sys
+import time
 
 from harness.images import any_image, read_png, write_png
 from harness.mirror import MirrorCase
@@ -315,8 +316,11 @@ class Thumbnails(MirrorCase):
         seen = client.call("many", 40, paths="\n".join(paths), threads=8)["seen"].splitlines()
         client.close()
         self.assertEqual(len(seen), len(images), seen)
-        for image in images:
-            self.assertEqual(sum(f"crc32={image.crc32()}" in line for line in seen), 1)
+        shown = {}
+        for line in seen:
+            number, *words = line.split("\t")
+            shown[int(number)] = dict(word.split("=", 1) for word in words)["crc32"]
+        self.assertEqual(shown, {n: str(image.crc32()) for n, image in enumerate(images)})
         self.assert_nothing_was_fetched(mirror)
         self.finish(mirror)
 
@@ -324,5 +328,7 @@ class Thumbnails(MirrorCase):
         self.make_folders({"a.txt": 10})
         self.add_picture("picture.png", 20, 20)
         mirror = self.serve()
+        time.sleep(1)  # longer than services would take to start
         self.assertIsNone(self.ask("picture.png"))
+        self.assertIn("0x80040154", self.said)  # nobody serves the class
         self.finish(mirror)

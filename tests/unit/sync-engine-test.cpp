@@ -82,6 +82,19 @@ TEST_F(SyncEngineComTest, RegisteringAndUnregisteringInitialiseTheThreadAndLeave
   });
 }
 
+TEST_F(SyncEngineComTest, TheInitialisationComesBeforeAllThatNeedsIt) {
+  for (const auto call : {&Register, &Unregister}) {
+    const InitialiseDouble initialise;
+    const ImportDouble<"CoCreateInstance", decltype(&::CoCreateInstance)> create(
+        [&](auto original, auto... arguments) {
+          EXPECT_EQ(initialise.Count(), 1);
+          return original(arguments...);
+        });
+    EXPECT_EQ(call(Entry()), 0);
+    EXPECT_GT(create.Count(), 0);
+  }
+}
+
 TEST_F(SyncEngineComTest, AThreadOfASinglethreadedApartmentWorksAndStaysThere) {
   const std::string root = appData_.MakeFolder("Root");
   OnNewThread([&] {
@@ -265,7 +278,8 @@ TEST_F(SyncEngineThreadsTest, EightRegisterTheirRootsInOneEntry) {
   }
   EXPECT_EQ(keys_.classKey.ValueNames().size(), 3u);
   EXPECT_EQ(keys_.classKey.SubkeyNames().size(), 4u);
-  EXPECT_TRUE(keys_.nameSpaceKey.Exists());
+  EXPECT_EQ(keys_.classKey.Value(L"ShellFolder", L"Attributes"), StoredNumber(0xF080004D));
+  EXPECT_EQ(keys_.nameSpaceKey.Value(L"", L"")->type, static_cast<DWORD>(REG_EXPAND_SZ));
   EXPECT_TRUE(keys_.IsHidden());
 
   for (int thread = 0; thread < kThreads; ++thread) {

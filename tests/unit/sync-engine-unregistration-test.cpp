@@ -193,6 +193,7 @@ TEST_F(EntryRemovalTest, WithoutADataFolderTheEntryStays) {
 
   EXPECT_EQ(Unregister(first_), 0);
 
+  EXPECT_EQ(empty.Count(), 1);
   EXPECT_THAT(registry.Calls(), IsEmpty());
   ExpectWholeEntry();
 }

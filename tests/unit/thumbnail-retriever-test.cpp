@@ -42,6 +42,17 @@ TEST_F(RetrieverTest, GetsTheItemsPathAndAZeroedBuffer) {
   EXPECT_EQ(buffer, (std::array<wchar_t, MAX_PATH>{}));
 }
 
+TEST_F(RetrieverTest, RunsOnTheThreadThatAsks) {
+  DWORD thread = 0;
+  const Retriever retriever([&](const wchar_t*, wchar_t*) {
+    thread = GetCurrentThreadId();
+    return false;
+  });
+  const auto provider = Initialized();
+  Ask(*provider);
+  EXPECT_EQ(thread, GetCurrentThreadId());
+}
+
 TEST_F(RetrieverTest, BufferIsZeroedForEveryRequest) {
   int first = 0;
   const Retriever retriever([&](const wchar_t*, wchar_t* imagePath) {

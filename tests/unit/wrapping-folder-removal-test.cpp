@@ -18,6 +18,7 @@ const std::string kNoListing = "Failed to enum shortcuts under wrapping folder";
 
 using DeleteDouble = ImportDouble<"DeleteFileW", decltype(&::DeleteFileW)>;
 using FindDouble = ImportDouble<"FindFirstFileW", decltype(&::FindFirstFileW)>;
+using FindNextDouble = ImportDouble<"FindNextFileW", decltype(&::FindNextFileW)>;
 using CloseDouble = ImportDouble<"FindClose", decltype(&::FindClose)>;
 
 class ShortcutRemovalTest : public WrappingFolderFixture {
@@ -209,12 +210,29 @@ TEST_F(ShortcutRemovalTest, AFileThatNobodyMayReadIsPassedOver) {
 TEST_F(ShortcutRemovalTest, AShortcutThatVanishesBehindTheListingIsPassedOver) {
   Create(otherRoot_, "/a");
   Create(root_, "/z");
-  ASSERT_TRUE(DeleteFileW(Wide(ShortcutPath("z.lnk")).c_str()));
+  int vanished = 0;
+  const FindNextDouble next([&](auto original, HANDLE search, LPWIN32_FIND_DATAW data) {
+    const BOOL more = original(search, data);
+    if (more && Narrow(data->cFileName) == "z.lnk") {
+      vanished += DeleteFileW(Wide(ShortcutPath("z.lnk")).c_str()) ? 1 : 0;
+    }
+    return more;
+  });
 
   EXPECT_TRUE(Remove(root_));
 
+  EXPECT_EQ(vanished, 1);
+
   ExpectNotFound(root_);
   EXPECT_THAT(FolderContent(), ElementsAre("a.lnk"));
+}
+
+TEST_F(ShortcutRemovalTest, LettersThatOnlyLookTheSameAreOthers) {
+  Create(appData_.MakeFolder("caf\xC3\xA9"));
+  const std::string decomposed = appData_.Item("cafe\xCC\x81");
+  EXPECT_TRUE(Remove(decomposed));
+  ExpectNotFound(decomposed);
+  EXPECT_THAT(FolderContent(), ElementsAre("My Drive.lnk"));
 }
 
 TEST_F(ShortcutRemovalTest, ADeletionThatFailsIsReportedAndNoFailure) {

@@ -121,8 +121,8 @@ TEST_F(ShortcutResolutionTest, WhatComesAfterTheMatchIsNotTried) {
 }
 
 TEST_F(ShortcutResolutionTest, AShortcutWhoseTargetMovedIsFoundWhereItWentTo) {
-  // Resolving is what finds it: the path is asked for afterwards.
-  link_.results.resolve = S_FALSE;
+  Add("a.lnk", L"C:\\Old");
+  link_.moved[L"C:\\Old"] = kShortRoot;
   EXPECT_TRUE(Composer().RemoveShortcut(kRoot));
   EXPECT_THAT(FolderContent(), IsEmpty());
 }
