@@ -31,7 +31,7 @@ class Arena {
   ~Arena() {
     VirtualFree(base_, pages_, MEM_DECOMMIT);
     static std::mutex mutex;
-    static std::deque<void*> retired;
+    static auto& retired = *new std::deque<void*>;
     std::lock_guard lock(mutex);
     retired.push_back(base_);
     if (retired.size() > 64) {

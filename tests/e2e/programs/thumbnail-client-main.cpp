@@ -73,6 +73,8 @@ std::vector<std::string> Lines(const std::string& text) {
 Fields GetMany(const Fields& command) {
   const auto paths = Lines(command.Text("paths"));
   const auto count = static_cast<std::size_t>(command.Number("threads"));
+  const Apartment preparing;
+  PrepareProxies(paths.at(0));
   std::mutex mutex;
   std::set<std::string> seen;
   std::latch start(static_cast<std::ptrdiff_t>(count));

@@ -24,8 +24,28 @@ struct BitmapDeleter {
 };
 using Bitmap = std::unique_ptr<std::remove_pointer_t<HBITMAP>, BitmapDeleter>;
 
+// Lets one thread of all these programs at a time ask COM for an object: under Wine a class that is
+// served has one pipe for that, and callers that meet at it may wait for ever. What they ask the
+// objects for is at the same time all the same.
+class Turn {
+ public:
+  Turn() : mutex_(CreateMutexW(nullptr, FALSE, L"Nimbra e2e thumbnail activation")) {
+    WaitForSingleObject(mutex_, INFINITE);
+  }
+  ~Turn() {
+    ReleaseMutex(mutex_);
+    CloseHandle(mutex_);
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  HANDLE mutex_;
+};
+
 template <typename Interface>
 HRESULT NewProvider(ComPtr<Interface>& provider) {
+  const Turn turn;
   return CoCreateInstance(kProvider, nullptr, CLSCTX_LOCAL_SERVER,
                           IID_PPV_ARGS(provider.GetAddressOf()));
 }
@@ -48,6 +68,18 @@ void ReadPicture(Thumbnail& thumbnail, HBITMAP bitmap) {
 }
 
 }  // namespace
+
+void PrepareProxies(const std::string& itemPath) {
+  ComPtr<IShellItem> item;
+  ComPtr<IInitializeWithItem> initializer;
+  ComPtr<IThumbnailProvider> provider;
+  if (SUCCEEDED(SHCreateItemFromParsingName(ToWide(itemPath).c_str(), nullptr,
+                                            IID_PPV_ARGS(item.GetAddressOf()))) &&
+      SUCCEEDED(NewProvider(initializer)) &&
+      SUCCEEDED(initializer->Initialize(item.Get(), STGM_READ))) {
+    static_cast<void>(initializer.As(&provider));
+  }
+}
 
 Thumbnail RequestThumbnail(const std::string& itemPath, UINT size) {
   Thumbnail thumbnail;

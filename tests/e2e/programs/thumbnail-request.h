@@ -23,6 +23,11 @@ struct Thumbnail {
 // from a process of its own. The thread has to have an apartment.
 Thumbnail RequestThumbnail(const std::string& itemPath, UINT size);
 
+// Has this process and the other make their proxies' tables before several threads need them: Wine
+// fills them at first use without a lock, and a second thread meets them half filled. Asks for no
+// thumbnail.
+void PrepareProxies(const std::string& itemPath);
+
 // Whether an object of the class has an interface: what QueryInterface says.
 HRESULT QueryProvider(const std::string& interfaceId);
 
