@@ -31,7 +31,7 @@ class Arena {
   ~Arena() {
     VirtualFree(base_, pages_, MEM_DECOMMIT);
     static std::mutex mutex;
-    static auto& retired = *new std::deque<void*>;
+    auto& retired = Retired();
     std::lock_guard lock(mutex);
     retired.push_back(base_);
     if (retired.size() > 64) {
@@ -42,6 +42,12 @@ class Arena {
 
   Arena(const Arena&) = delete;
   Arena& operator=(const Arena&) = delete;
+
+  // Never destroyed: threads that deliver callbacks may still run when the program ends.
+  static std::deque<void*>& Retired() {
+    static auto& retired = *new std::deque<void*>;
+    return retired;
+  }
 
   void* Place(const void* data, std::size_t size) {
     constexpr std::size_t kAlignment = 16;
