@@ -335,7 +335,7 @@ class Crowds(ThumbnailCase):
     def test_threads_that_ask_at_once_get_each_item_its_own(self):
         paths, images = self.items()
         since = self.server.mark()
-        answer = self.client.call("many", 60, paths=paths, threads=self.THREADS)
+        answer = self.client.call("many", 40, paths=paths, threads=self.THREADS)
         self.assert_all_shown(answer, images)
         calls = self.server.events("retrieve", since)
         self.assertEqual(len(calls), self.ITEMS * self.THREADS)
@@ -345,7 +345,7 @@ class Crowds(ThumbnailCase):
         clients = [self.client, self.start_client(), self.start_client()]
         pending = [client.start("many", paths=paths, threads=3) for client in clients]
         for answer in pending:
-            self.assert_all_shown(answer.result(60), images)
+            self.assert_all_shown(answer.result(40), images)
 
     def test_the_retriever_may_be_replaced_while_requests_run(self):
         paths, images = self.items(20)
