@@ -48,13 +48,14 @@ def parse_arguments():
 
 
 def is_lost_call(traceback):
-    return any(sign in traceback for sign in ("no answer within", "TimeoutExpired", "took longer than"))
+    signs = ("no answer within", "TimeoutExpired", "took longer than")
+    return any(sign in traceback for sign in signs)
 
 
 def run_tests(names, again):
     """Under Wine a COM call between processes is lost now and then: its caller waits for ever.
 
-    Where nothing else failed, the tests are run anew, and the output says so.
+    The tests are then run anew, with what failed after it, and the output says so.
     """
     while True:
         output = io.StringIO() if again > 0 else sys.stdout
@@ -63,7 +64,7 @@ def run_tests(names, again):
         problems = result.failures + result.errors
         if again == 0:
             return result
-        if not problems or not all(is_lost_call(traceback) for _, traceback in problems):
+        if not any(is_lost_call(traceback) for _, traceback in problems):
             sys.stdout.write(output.getvalue())
             return result
         again -= 1
