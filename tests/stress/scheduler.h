@@ -16,7 +16,7 @@
 namespace nimbra_stress {
 
 enum class Mode {
-  kInterleaved,  // one thread runs at a time; the seed says who goes on at each switch
+  kInterleaved,  // one thread runs at a time; the seed decides which goes on next
   kConcurrent    // all run as they like
 };
 
