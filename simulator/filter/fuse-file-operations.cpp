@@ -185,15 +185,20 @@ void ApplyChange(fuse_req_t request, const HeldNode& node, const AttributeChange
   ReplyAttributes(request, node.Fd());
 }
 
+bool HasNoName(const UniqueFd& file) {
+  struct stat facts {};
+  return fstat(file.Get(), &facts) != 0 || facts.st_nlink == 0;
+}
+
 // Hands the open file to the kernel. When the program has given up meanwhile, it is closed again.
-void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, fuse_file_info* info,
+void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, ItemPtr item, fuse_file_info* info,
                   const fuse_entry_param* created) {
   auto& mount = MountOf(request);
   const auto thread = fuse_req_ctx(request)->pid;
   const auto file = std::make_shared<OpenFile>();
   file->fd = std::move(fd);
   file->node = &node;
-  file->item = mount.Files().ItemOf(file->File());
+  file->item = std::move(item);
   info->fh = mount.Keep(file);
   // Otherwise the kernel empties the file's cache at every open, and for that the open waits for
   // the reads under way: the server of a Wine prefix would wait for its own provider.
@@ -242,10 +247,15 @@ void Open(fuse_req_t request, fuse_ino_t id, fuse_file_info* info) {
     return;
   }
   const auto node = Hold(request, id);
+  // Asked for before the file is looked at: one that is deleted meanwhile keeps what it was.
+  auto item = MountOf(request).Files().ItemOf(node.File());
   UniqueFd fd;
   const auto error = OpenData(node.Fd(), info->flags & ~kOwnFlags, fd);
   if (error != 0) return ReplyError(request, error);
-  GiveOpenFile(request, *node.node, std::move(fd), info, nullptr);
+  // Nobody knows any more what was deleted since the program found it; its gaps would pass for
+  // data.
+  if (item == nullptr && HasNoName(fd)) return ReplyError(request, ENOENT);
+  GiveOpenFile(request, *node.node, std::move(fd), std::move(item), info, nullptr);
 }
 
 void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
@@ -259,7 +269,9 @@ void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode
   fuse_entry_param entry{};
   const auto error = LookUp(mount, parent, name, entry);
   if (error != 0) return ReplyError(request, error);
-  GiveOpenFile(request, mount.NodeOf(entry.ino), std::move(fd), info, &entry);
+  auto& node = mount.NodeOf(entry.ino);
+  auto item = mount.Files().ItemOf({fd.Get(), node.inode});
+  GiveOpenFile(request, node, std::move(fd), std::move(item), info, &entry);
 }
 
 void Read(fuse_req_t request, fuse_ino_t id, std::size_t size, off_t offset, fuse_file_info* info) {

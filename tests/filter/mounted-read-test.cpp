@@ -15,6 +15,12 @@ namespace {
 
 constexpr std::int64_t kSize = 1'000'003;
 
+// Opens for reading what was found before, whatever has become of its name.
+UniqueFd OpenFound(const UniqueFd& found) {
+  const auto path = "/proc/self/fd/" + std::to_string(found.Get());
+  return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
 // Programs that read through the mount while a provider supplies the data.
 class Reading : public MountedTest {
  protected:
@@ -290,6 +296,28 @@ TEST_F(Reading, AFileThatWasDeletedWhileOpenStillGetsItsData) {
   EXPECT_EQ(fetch.relativePath, "a");
   EXPECT_RESULT(Answer(fetch), hr::kOk);
   EXPECT_EQ(reader.get(), ContentOf("a", kSize));
+}
+
+// What an open is that looked the name up before it went, and came to the file after that.
+TEST_F(Reading, AFileThatIsDeletedWhileItIsBeingOpenedIsNotThere) {
+  const UniqueFd found(open(Path("a").c_str(), O_PATH | O_CLOEXEC));
+  ASSERT_EQ(unlink(Path("a").c_str()), 0);
+  const auto file = OpenFound(found);
+  const auto error = errno;
+  EXPECT_FALSE(file);
+  EXPECT_EQ(error, ENOENT);
+}
+
+TEST_F(Reading, AFileWithAnotherNameIsStillThereWhenOneIsDeletedWhileItIsBeingOpened) {
+  std::ofstream(root / "ordinary") << "kept";
+  const UniqueFd found(open(Path("ordinary").c_str(), O_PATH | O_CLOEXEC));
+  ASSERT_EQ(link(Path("ordinary").c_str(), Path("other").c_str()), 0);
+  ASSERT_EQ(unlink(Path("ordinary").c_str()), 0);
+  const auto file = OpenFound(found);
+  ASSERT_TRUE(file);
+  std::string content(4, '\0');
+  EXPECT_EQ(read(file.Get(), content.data(), content.size()), 4);
+  EXPECT_EQ(content, "kept");
 }
 
 TEST_F(Reading, AProgramLearnsItsProcessIdButSeesNoSuchFile) {

@@ -11,6 +11,14 @@ from .waiting import wait_until
 SIZES = (0, 1, 4095, 4096, 4097, 65_537, 300_001, 1 << 20)
 
 
+def difference(got, wanted):
+    if len(got) != len(wanted):
+        return f"{len(got)} in place of {len(wanted)}"
+    wrong = [at for at in range(len(wanted)) if got[at] != wanted[at]]
+    kind = "all zero" if not any(got[at] for at in wrong) else "not zero"
+    return f"{len(wrong)} of {len(wanted)}, the first at +{wrong[0]}, {kind}"
+
+
 class File:
     """One file of the folder, by its identity. Its name is known when nobody is changing it."""
 
@@ -53,7 +61,7 @@ class Reader:
         wanted = self.file.data[self.offset : self.offset + self.length]
         where = f"{self.file.identity} [{self.offset}, +{self.length})"
         if self.process.returncode == 0 and got != wanted:
-            return f"{where}: a reader got other bytes, {len(got)} of {len(wanted)}"
+            return f"{where}: a reader got other bytes, {difference(got, wanted)}"
         if not wanted.startswith(got):
             return f"{where}: a reader that failed got wrong bytes before"
         return None
