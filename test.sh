@@ -68,7 +68,7 @@ check_format() {
   for folder in bench examples include lib simulator tests; do
     [[ ! -d $NIMBRA_SOURCE/$folder ]] || folders+=("$NIMBRA_SOURCE/$folder")
   done
-  find "${folders[@]}" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 |
+  find "${folders[@]}" \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c' \) -print0 |
     xargs -0 clang-format --dry-run -Werror
 }
 
