@@ -60,7 +60,7 @@ function(nimbra_target_basics target)
       WINVER=0x0A00 _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000006)
     if(MINGW)
       target_link_options(${target} PRIVATE -static -Wl,--no-insert-timestamp
-        $<$<CONFIG:Release>:-s>)
+        $<$<AND:$<CONFIG:Release>,$<NOT:$<BOOL:$<TARGET_PROPERTY:NIMBRA_KEEPS_SYMBOLS>>>>:-s>)
     endif()
   endif()
 endfunction()
