@@ -109,6 +109,7 @@ lint() {
   check 'shell scripts (shellcheck)' shellcheck check_shell
   check 'format (clang-format)' clang-format check_format
   check 'the example in README.md' readme "$NIMBRA_SOURCE/scripts/check-readme-example.sh"
+  check 'the documents, each log line and export' docs "$NIMBRA_SOURCE/scripts/build-docs.sh"
   [[ $mode == quick ]] || STAGE_LINES=200 check 'static analysis (clang-tidy)' clang-tidy \
     "$NIMBRA_SOURCE/scripts/tidy.py" --stamps "$NIMBRA_WORK/tidy-stamps" \
     "$NIMBRA_WORK"/{linux-release,mingw-release,linux-sanitized}

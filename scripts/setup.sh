@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs what the project's commands need and this machine lacks (Debian 12, with apt).
 #
-#   scripts/setup.sh [--quiet] [test|demo|coverage]
+#   scripts/setup.sh [--quiet] [test|demo|docs|coverage]
 #
 #   test      everything for ./test.sh (the default)
 #   demo      only what ./demo.sh needs
+#   docs      only what scripts/build-docs.sh needs
 #   coverage  what ./test.sh --coverage needs
 #   --quiet   print nothing if nothing is missing
 
@@ -14,6 +15,8 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w64-tools pkg-config
   libfuse3-dev fuse3 libsqlite3-dev wine64 wine python3 util-linux procps)
 readonly TEST_PACKAGES=(googletest clang libclang-rt-dev clang-format clang-tidy shellcheck git)
+readonly DOCS_PACKAGES=(mkdocs mkdocs-material python3)
+readonly COVERAGE_PACKAGES=(gcovr)
 
 installed() {
   [[ $(dpkg-query -W -f='${db:Status-Abbrev}' "$1" 2>/dev/null) == ?i* ]]
@@ -53,16 +56,20 @@ main() {
     case $1 in
       --quiet) quiet=yes ;;
       --help | -h) print_help && return ;;
-      test | demo | coverage) purpose=$1 ;;
+      test | demo | docs | coverage) purpose=$1 ;;
       *) usage_error "unknown argument '$1'" ;;
     esac
     shift
   done
 
   command -v dpkg-query >/dev/null || die "This is not a Debian system: install by hand the" \
-    "counterparts of ${DEMO_PACKAGES[*]} ${TEST_PACKAGES[*]}."
-  local wanted=("${DEMO_PACKAGES[@]}") missing=() package
-  [[ $purpose == demo ]] || wanted+=("${TEST_PACKAGES[@]}")
+    "counterparts of ${DEMO_PACKAGES[*]} ${TEST_PACKAGES[*]} ${DOCS_PACKAGES[*]}."
+  local wanted=() missing=() package
+  case $purpose in
+    demo) wanted=("${DEMO_PACKAGES[@]}") ;;
+    docs) wanted=("${DOCS_PACKAGES[@]}") ;;
+    *) wanted=("${DEMO_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${DOCS_PACKAGES[@]}") ;;
+  esac
   [[ $purpose != coverage ]] || wanted+=("${COVERAGE_PACKAGES[@]}")
   for package in "${wanted[@]}"; do
     if needed "$package"; then missing+=("$package"); fi
