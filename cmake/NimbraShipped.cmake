@@ -10,6 +10,7 @@ set(NIMBRA_VERSION_NUMBERS
 # nimbra_target_shipped(<target> <file name> <description>): for a target that already has
 # nimbra_target_defaults. Call it in the folder that defines the target.
 function(nimbra_target_shipped target fileName description)
+  set_target_properties(${target} PROPERTIES NIMBRA_SHIPPED_AS "${fileName}")
   nimbra_add_version_info(${target} "${fileName}" "${description}")
   if(NIMBRA_LINK_RECORDS)
     target_link_options(${target} PRIVATE "-Wl,-Map=${NIMBRA_LINK_RECORD_FOLDER}/${fileName}.map")
