@@ -84,8 +84,11 @@ install(FILES "${generated}/CMakeLists.txt" DESTINATION "${papers}/examples")
 
 # Last, as they are about what was installed: the SBOM, the licences of what is linked in, checksums.
 
+find_program(NIMBRA_PYTHON NAMES python3 python NO_CMAKE_FIND_ROOT_PATH)
+find_program(NIMBRA_DPKG_QUERY dpkg-query NO_CMAKE_FIND_ROOT_PATH)
 set(arguments --version "${PROJECT_VERSION}" --papers "${papers}")
-if(NIMBRA_LINK_RECORDS)
+# Debian's packages know under what licences the compiler's runtime is.
+if(NIMBRA_LINK_RECORDS AND NIMBRA_DPKG_QUERY)
   foreach(target IN LISTS NIMBRA_INSTALLED_PROGRAMS ITEMS nimbra)
     get_target_property(file ${target} NIMBRA_SHIPPED_AS)
     list(APPEND arguments --record "bin/${file}=${NIMBRA_LINK_RECORD_FOLDER}/${file}.map")
@@ -96,12 +99,18 @@ if(NIMBRA_LINK_RECORDS)
       --header "bin/nimbractl.exe=${NIMBRA_cli11_FOLDER}/CLI/CLI.hpp"
       --header "bin/nimbractl.exe=${NIMBRA_json_FOLDER}/nlohmann/json.hpp")
   endif()
+else()
+  install(CODE "message(WARNING \"No SBOM and no third-party notices: they are made of builds with \
+MinGW's gcc on Debian only\")")
 endif()
-find_program(NIMBRA_PYTHON NAMES python3 python NO_CMAKE_FIND_ROOT_PATH)
-list(JOIN arguments "\" \"" arguments)
-configure_file("${packaging}/cmake/describe-package.cmake.in"
-  "${generated}/describe-package.cmake" @ONLY)
-install(SCRIPT "${generated}/describe-package.cmake")
+if(NIMBRA_PYTHON)
+  list(JOIN arguments "\" \"" arguments)
+  configure_file("${packaging}/cmake/describe-package.cmake.in"
+    "${generated}/describe-package.cmake" @ONLY)
+  install(SCRIPT "${generated}/describe-package.cmake")
+else()
+  install(CODE "message(WARNING \"Python is not installed: no SBOM, notices and checksums\")")
+endif()
 
 # The archiver is ours, as those of cpack put the time of packing into the zip.
 set(CPACK_GENERATOR External)
