@@ -158,6 +158,16 @@ check_package() {
   check 'the tests packed for Windows (Wine)' package "$NIMBRA_SOURCE/package-tests.sh" --check
 }
 
+# What the reader of the guides types, typed.
+check_guides() {
+  if [[ ${NIMBRA_NO_FUSE:-} == 1 ]] && ! (: <>/dev/fuse) 2>/dev/null; then
+    printf '  %-46s skipped: /dev/fuse cannot be used\n' 'the commands in the guides (Wine)'
+    count 0 0 1
+  else
+    check 'the commands in the guides (Wine)' guides "$NIMBRA_SOURCE/scripts/check-guides.sh"
+  fi
+}
+
 run_sanitized() {
   export NIMBRA_FUZZ_SECONDS="${NIMBRA_FUZZ_SECONDS:-60}"
   run_ctest 'sanitizers and fuzzer (native)' linux-sanitized
@@ -237,6 +247,7 @@ main() {
       run_ordinary
       if [[ -z $filter ]]; then
         check_package
+        check_guides
         soak_seconds=120 run_soak
         run_sanitized
         run_checked
