@@ -23,20 +23,20 @@ void Print(const std::string& text, bool stays) {
   width = stays ? 0 : static_cast<int>(text.size());
 }
 
-std::string ResultText(CORVWinCFHresult result) {
+std::string ResultText(nimbra::Result result) {
   char code[16];
-  std::snprintf(code, sizeof code, " (0x%08X: ", static_cast<unsigned>(result));
-  return code + std::system_category().message(result & 0xFFFF) + ")";
+  std::snprintf(code, sizeof code, " (0x%08X: ", static_cast<unsigned>(result.Code()));
+  return code + std::system_category().message(result.Code() & 0xFFFF) + ")";
 }
 
-void Require(CORVWinCFHresult result, const std::string& what) {
+void Require(nimbra::Result result, const std::string& what) {
   static const std::map<unsigned, const char*> advice{
       {0x80040151, "registering writes to the machine's registry: run it once as administrator"},
       {0x80070005, "choose a folder that you may write to"},
       {0x8007017A, "another program serves this sync root: stop it first"},
       {0x80070186, "it may lie inside a sync root: name the root itself"}};
-  if (result >= 0) return;
-  const auto known = advice.find(static_cast<unsigned>(result));
+  if (result) return;
+  const auto known = advice.find(static_cast<unsigned>(result.Code()));
   throw Failure(what + ResultText(result),
                 known != advice.end() ? known->second : "the debugger output may say more");
 }

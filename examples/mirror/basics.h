@@ -3,10 +3,8 @@
 
 // What all of mirror is written with: text, lines for the user, failures.
 
-#include <nimbra/nimbra.h>
-
 #include <filesystem>
-#include <memory>
+#include <nimbra/nimbra.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -29,13 +27,10 @@ struct Failure : std::runtime_error {
 };
 
 // A platform result with the system's words for it.
-std::string ResultText(CORVWinCFHresult result);
+std::string ResultText(nimbra::Result result);
 
 // Throws a Failure with what is known of the result, if it is one.
-void Require(CORVWinCFHresult result, const std::string& what);
-
-template <class T>
-using Owner = std::unique_ptr<T, void (*)(T*)>;  // of a handle and of what gives it back
+void Require(nimbra::Result result, const std::string& what);
 
 }  // namespace mirror
 

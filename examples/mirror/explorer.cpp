@@ -21,16 +21,15 @@ std::string RememberedClsid(const fs::path& root) {
 
 // Remembered before anything is made by it: an entry without its identifier could not be removed.
 std::string NewClsid(const fs::path& root) {
-  char* text = nullptr;
-  if (CORVWinCFGenerateGuid(&text) != 0) throw Failure("Windows makes no new GUID", "try again");
-  std::string clsid = text;
-  CORVWinCFReleaseGuid(text);
-  const auto wide = Path(clsid).wstring();
+  const auto clsid = nimbra::GenerateGuid();
+  if (!clsid) throw Failure("Windows makes no new GUID", "try again");
+  const auto wide = Path(*clsid).wstring();
   const auto size = static_cast<DWORD>((wide.size() + 1) * sizeof(wchar_t));
   const auto error =
       RegSetKeyValueW(HKEY_CURRENT_USER, kMemory, root.c_str(), REG_SZ, wide.c_str(), size);
-  Require(HRESULT_FROM_WIN32(error), "cannot remember an Explorer entry for " + Utf8(root));
-  return clsid;
+  const nimbra::Result result(HRESULT_FROM_WIN32(error));
+  Require(result, "cannot remember an Explorer entry for " + Utf8(root));
+  return *clsid;
 }
 
 void Forget(const fs::path& root) { RegDeleteKeyValueW(HKEY_CURRENT_USER, kMemory, root.c_str()); }
@@ -71,11 +70,9 @@ bool HasEntry(const std::string& clsid) {
 // A root's shortcut is found by where it leads. An entry whose shortcut or root is gone stays, and
 // goes without it.
 bool Remove(const fs::path& root, const std::string& clsid) {
-  if (fs::exists(root) && CORVWinCFSyncEngineUnregister(Utf8(root).c_str(), clsid.c_str(),
-                                                        FolderNumber(clsid), "", "", "") != 0) {
-    return false;
-  }
-  return !HasEntry(clsid) || CORVWinCFSyncEngineUnregisterSystemFolder(clsid.c_str()) == 0;
+  const nimbra::ExplorerEntry entry{Utf8(root), clsid, FolderNumber(clsid)};
+  if (fs::exists(root) && !entry.Unregister()) return false;
+  return !HasEntry(clsid) || nimbra::UnregisterSystemFolder(clsid);
 }
 
 }  // namespace
@@ -92,10 +89,8 @@ void ShowInExplorer(const fs::path& source, const fs::path& givenRoot) {
     Remove(root, clsid);  // as registering again would make a second shortcut
   }
   const auto name = NameOf(source);
-  if (CORVWinCFSyncEngineRegister(Utf8(root).c_str(), clsid.c_str(), FolderNumber(clsid),
-                                  name.c_str(), name.c_str(), "/") == 0) {
-    return;
-  }
+  const nimbra::ExplorerEntry entry{Utf8(root), clsid, FolderNumber(clsid), name, name};
+  if (entry.Register()) return;
   Remove(root, clsid);  // what was made nevertheless
   Forget(root);
   throw Failure(

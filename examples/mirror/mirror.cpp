@@ -1,7 +1,6 @@
 // mirror: shows a folder as files that take no room until a program opens them.
 
 #include <io.h>
-#include <nimbra/nimbra.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -28,6 +27,7 @@ namespace mirror {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using nimbra::TransferStatus;
 using Seconds = std::chrono::duration<double>;
 
 constexpr char kHelp[] = R"(
@@ -51,19 +51,19 @@ The source is only read: what is renamed or deleted in the sync root is back at 
 
 Failure Usage(const std::string& what) { return {what, "mirror --help shows how to use it", 2}; }
 
+template <class Owner>  // of a handle, empty where there was no memory for one
+Owner NotEmpty(Owner owner) {
+  if (!owner) throw std::bad_alloc();
+  return owner;
+}
+
 auto NewSyncRoot(const fs::path& root, std::uint64_t session) {
-  CORVWinCFSyncRootHandle handle = nullptr;
-  if (CORVWinCFSyncRootNew(&handle, Utf8(root).c_str(), session) != 0) throw std::bad_alloc();
-  const auto release = [](auto* it) { CORVWinCFSyncRootRelease(&it); };
-  return Owner<CORVWinCFSyncRootHandleRecord>(handle, release);
+  return NotEmpty(nimbra::SyncRoot(Utf8(root), session));
 }
 
 // A placeholder's name is what follows the last "/" of its path.
 auto NewPlaceholder(const fs::path& path) {
-  CORVWinCFPlaceholderHandle handle = nullptr;
-  const auto name = Utf8(path.generic_wstring());
-  if (CORVWinCFPlaceholderNew(&handle, name.c_str()) != 0) throw std::bad_alloc();
-  return Owner<CORVWinCFPlaceholderHandleRecord>(handle, CORVWinCFPlaceholderRelease);
+  return NotEmpty(nimbra::Placeholder(Utf8(path.generic_wstring())));
 }
 
 // All that lies below a folder, folders before their contents; links are not followed.
@@ -82,14 +82,13 @@ class Provider {
   // Connects the sync root. `rate` is in bytes a second, for each transfer; 0: as fast as it goes.
   Provider(fs::path source, const fs::path& root, std::uint64_t number, double rate)
       : source_(std::move(source)), root_(root), rate_(rate), syncRoot_(NewSyncRoot(root, number)) {
-    CORVWinCFCallbackDelegatorHandle handle = nullptr;
-    if (CORVWinCFCallbackDelegatorNew(&handle, this) != 0) throw std::bad_alloc();
-    delegator_.reset(handle);
-    CORVWinCFCallbackDelegatorSetFetchCallback(handle, On<&Provider::OnFetch>);
-    CORVWinCFCallbackDelegatorSetFetchCancelCallback(handle, On<&Provider::OnCancel>);
-    CORVWinCFCallbackDelegatorSetRenameCallback(handle, On<&Provider::OnRename>);
-    CORVWinCFCallbackDelegatorSetDeleteCallback(handle, On<&Provider::OnDelete>);
-    Require(CORVWinCFSyncRootConnect(syncRoot_.get(), handle), "cannot connect " + Utf8(root));
+    const bool isSet = delegator_.OnFetch<&Provider::OnFetch, &Provider::syncRoot_>() &&
+                       delegator_.OnFetchCancel<&Provider::OnCancel>() &&
+                       delegator_.OnRename<&Provider::OnRename>() &&
+                       delegator_.OnDelete<&Provider::OnDelete, &Provider::syncRoot_>();
+    if (!isSet) throw std::bad_alloc();
+    connection_ = syncRoot_.Connect(delegator_);
+    Require(connection_.GetResult(), "cannot connect " + Utf8(root));
   }
 
   // Fetches that are still open are answered as aborted, so that nobody is left waiting.
@@ -99,7 +98,7 @@ class Provider {
     auto fetches = std::exchange(fetches_, {});
     lock.unlock();
     fetches.clear();  // asks their threads to stop and waits for them
-    CORVWinCFSyncRootDisconnect(syncRoot_.get());
+    static_cast<void>(connection_.Disconnect());
   }
 
   // Creates the placeholder of an item of the source, if the sync root does not have it yet.
@@ -111,18 +110,20 @@ class Provider {
     const auto written = unixTime(found.ftLastWriteTime);
     const bool isFolder = found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY;
     const auto size = isFolder ? 0 : join(found.nFileSizeHigh, found.nFileSizeLow);
-    const Owner<__tag_PlaceholderMetaWrap> meta(
-        CORVWinCFPlaceholderMetaNew(unixTime(found.ftLastAccessTime), written,
-                                    unixTime(found.ftCreationTime), written, size, isFolder),
-        CORVWinCFPlaceholderMetaRelease);
+    const nimbra::PlaceholderMetadata metadata({.lastAccessTime = unixTime(found.ftLastAccessTime),
+                                                .changeTime = written,
+                                                .creationTime = unixTime(found.ftCreationTime),
+                                                .lastWriteTime = written,
+                                                .fileSize = size,
+                                                .isFolder = isFolder});
     const auto name = source.lexically_relative(source_), path = root_ / name;
     const auto identity = Utf8(name.generic_wstring());
-    const auto item = NewPlaceholder(path);
+    auto item = NewPlaceholder(path);
     const bool isNew = !fs::exists(path);
-    if (isNew && CORVWinCFPlaceholderCreate(item.get(), identity.c_str(), meta.get()) != 0) {
+    if (isNew && !item.Create(identity, metadata)) {
       return Print("skipped " + identity + ": no placeholder (the debugger output says why)");
     }
-    const bool isOnDisk = !isNew && CORVWinCFIsFullyHydratedW(path.c_str()) == 0;
+    const bool isOnDisk = !isNew && nimbra::IsFullyHydrated(path.native());
     const std::lock_guard lock(mutex_);
     missing_[identity] = isOnDisk ? 0 : size;
     size_ += static_cast<double>(size);
@@ -149,19 +150,12 @@ class Provider {
   };
   struct Stop {
     std::string why;
-    std::optional<std::uint32_t> answer = CORVWinCFTransferUnsuccessful;  // none: nothing is owed
+    std::optional<TransferStatus> answer = TransferStatus::kUnsuccessful;  // none: nothing is owed
   };
 
-  // No exception may leave a callback. Only a lack of memory makes one.
-  template <auto kMethod>
-  static void On(const CORVWinCFCallbackRecord* r) noexcept try {
-    (static_cast<Provider*>(r->context)->*kMethod)(*r);
-  } catch (const std::exception&) {
-  }
-
   // A callback holds up a program, and its record is gone when it returns: copy what is needed,
-  // leave the rest to another thread, return.
-  void OnFetch(const CORVWinCFCallbackRecord& r) try {
+  // leave the rest to another thread, return. An exception fails the fetch.
+  void OnFetch(const nimbra::CallbackRecord& r) {
     std::unique_ptr<Fetch> fetch(new Fetch{r.transferKey, r.parameters[0], r.parameters[1],
                                            r.fileIdentity, Local(r.fullPath), r.imagePath});
     const std::lock_guard lock(mutex_);
@@ -172,18 +166,11 @@ class Provider {
       added.isDone = true;
     });
     ++fetchCount_;
-  } catch (const std::exception&) {
-    Fail(r.transferKey, r.parameters[0], r.parameters[1], CORVWinCFTransferUnsuccessful);
-  }
-
-  // The program that waits for the range is told at once that it will not come.
-  void Fail(std::int64_t key, std::int64_t offset, std::int64_t length, std::uint32_t status) {
-    CORVWinCFSyncRootTransferData(syncRoot_.get(), key, 0, nullptr, offset, length, status);
   }
 
   // Callbacks come in no order. Only the oldest fetch that matches is stopped: a newer one may be a
   // new request, and if it is not, its next transfer is refused.
-  void OnCancel(const CORVWinCFCallbackRecord& r) {
+  void OnCancel(const nimbra::CallbackRecord& r) {
     const std::lock_guard lock(mutex_);
     const auto begin = r.parameters[0], end = begin + r.parameters[1];
     for (const auto& fetch : fetches_) {
@@ -193,14 +180,14 @@ class Provider {
     }
   }
 
-  void OnRename(const CORVWinCFCallbackRecord& r) {
-    CORVWinCFSyncRootAckRename(syncRoot_.get(), r.transferKey);
+  void OnRename(const nimbra::CallbackRecord& r) {
+    static_cast<void>(syncRoot_.AcknowledgeRename(r.transferKey));
     const auto target = r.targetPath != nullptr ? Local(r.targetPath) : "out of the sync root";
     Print("renamed " + Local(r.fullPath) + " -> " + target);
   }
 
-  void OnDelete(const CORVWinCFCallbackRecord& r) {
-    CORVWinCFSyncRootAckDelete(syncRoot_.get(), r.transferKey, 0, CORVWinCFTransferSucceeded);
+  void OnDelete(const nimbra::CallbackRecord& r) {
+    static_cast<void>(syncRoot_.AcknowledgeDelete(r.transferKey));
     Print("deleted " + Local(r.fullPath));
   }
 
@@ -216,10 +203,15 @@ class Provider {
     Send(fetch, stop);
     Print("sent    " + fetch.name);
   } catch (const Stop& end) {
-    if (end.answer) Fail(fetch.key, fetch.offset, fetch.length, *end.answer);
+    if (end.answer) Fail(fetch, *end.answer);
     Print((end.answer ? "failed  " : "stopped ") + fetch.name + ": " + end.why);
   } catch (const std::exception&) {  // out of memory
-    Fail(fetch.key, fetch.offset, fetch.length, CORVWinCFTransferUnsuccessful);
+    Fail(fetch, TransferStatus::kUnsuccessful);
+  }
+
+  // The program that waits for the range is told at once that it will not come.
+  void Fail(const Fetch& fetch, TransferStatus status) noexcept {
+    static_cast<void>(syncRoot_.FailTransfer(fetch.key, fetch.offset, fetch.length, status));
   }
 
   // Every piece but the last of a file begins and ends at a multiple of 4096: the system insists.
@@ -247,24 +239,25 @@ class Provider {
       // Seldom, as a report costs time, and never the total, which would end the request.
       if (done == total || Clock::now() - reported < Seconds(0.1)) continue;
       reported = Clock::now();
-      CORVWinCFSyncRootReportTransferProgress(syncRoot_.get(), fetch.key, total, done);
+      static_cast<void>(syncRoot_.ReportProgress(fetch.key, total, done));
     }
   }
 
   void Wait(const auto& due, const std::stop_token& stop) const {
     while (Clock::now() < due && !stop.stop_requested() && !isStopping_) Sleep(10);
-    if (isStopping_) throw Stop{"mirror is stopping", CORVWinCFTransferAborted};
+    if (isStopping_) throw Stop{"mirror is stopping", TransferStatus::kAborted};
     if (stop.stop_requested()) throw Stop{"cancelled", std::nullopt};
   }
 
   void HandOver(const Fetch& fetch, const char* data, std::int64_t offset, std::int64_t length) {
     constexpr auto kDiskFull = static_cast<CORVWinCFHresult>(0x80070070);
-    constexpr auto kCancelled = static_cast<CORVWinCFHresult>(0x8007018E);
-    const auto result = CORVWinCFSyncRootTransferData(syncRoot_.get(), fetch.key, 0, data, offset,
-                                                      length, CORVWinCFTransferSucceeded);
-    if (result == kCancelled) throw Stop{"cancelled", std::nullopt};
-    if (result == kDiskFull) throw Stop{"the disk is full; make room", CORVWinCFTransferDiskFull};
-    if (result < 0) throw Stop{"the system refused its data" + ResultText(result)};
+    const auto result =
+        syncRoot_.TransferData(fetch.key, offset, {data, static_cast<std::size_t>(length)});
+    if (result.IsCancelled()) throw Stop{"cancelled", std::nullopt};
+    if (result.Code() == kDiskFull) {
+      throw Stop{"the disk is full; make room", TransferStatus::kDiskFull};
+    }
+    if (!result) throw Stop{"the system refused its data" + ResultText(result)};
     const std::lock_guard lock(mutex_);
     sent_ += static_cast<double>(length);
     auto& missing = missing_[fetch.identity];  // the rest of the range, at least
@@ -273,25 +266,24 @@ class Provider {
 
   const fs::path source_, root_;
   const double rate_;
-  const Owner<CORVWinCFSyncRootHandleRecord> syncRoot_;
-  Owner<CORVWinCFCallbackDelegatorHandleRecord> delegator_{nullptr,
-                                                           CORVWinCFCallbackDelegatorRelease};
+  nimbra::SyncRoot syncRoot_;
+  nimbra::CallbackDelegator<Provider> delegator_{*this};
   std::atomic<bool> isStopping_ = false;
   std::mutex mutex_;                             // guards what follows
   std::map<std::string, std::int64_t> missing_;  // bytes not on disk by identity, which stays
   double size_ = 0, sent_ = 0;                   // bytes: of all, and since the last summary
   Clock::time_point lastSummary_ = Clock::now();
   int fetchCount_ = 0;
-  std::vector<std::unique_ptr<Fetch>> fetches_;  // the last member: waits for those still there
+  std::vector<std::unique_ptr<Fetch>> fetches_;  // after what it uses: waits for those still there
+  nimbra::Connection connection_;                // the last, as callbacks use all else
 };
 
 // Without its manifest a program is told that Windows is an older one; the registry knows better.
 void RequirePlatform() {
-  CORVWinCFPlatformInfo info{};
-  const bool isGateOpen = CORVWinCFGetPlatformInfo(&info) == 0;
-  if (info.buildNumber != 0) return;
+  const auto info = nimbra::GetPlatformInfo();
+  if (info && info->buildNumber != 0) return;
   const auto advice = "cldapi.dll is missing, or the cloud filter is not running: start it first";
-  if (isGateOpen) throw Failure("the Cloud Files platform does not answer", advice);
+  if (info) throw Failure("the Cloud Files platform does not answer", advice);
   wchar_t build[16] = L"";
   DWORD size = sizeof build;
   RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
@@ -300,38 +292,35 @@ void RequirePlatform() {
                 "you need Windows 10, version 1803, and mirror.exe its supportedOS manifest");
 }
 
+// Empty outside every sync root.
 std::string RootIdentity(const fs::path& path) {
-  std::vector<char> identity(65536);  // as much as the library gives, and so ends in a zero
-  CORVWinCFGetSyncRootIdentityByPath(Utf8(path).c_str(), identity.data());
-  return identity.data();
+  return nimbra::GetSyncRootIdentity(Utf8(path)).value_or("");
 }
 
 // Only a file that is not empty has data to fetch or to drop.
-template <CORVWinCFStatus (*kFunction)(CORVWinCFPlaceholderHandle), bool kIsForData = false>
+template <auto kMethod, bool kIsForData = false>
 bool Do(const fs::path& path) {
   if (kIsForData && (fs::is_directory(path) || fs::file_size(path) == 0)) return true;
-  const auto item = NewPlaceholder(path);
-  return CORVWinCFPlaceholderOpen(item.get()) == 0 && kFunction(item.get()) == 0;
+  auto item = NewPlaceholder(path);
+  return item.Open() && (item.*kMethod)();
 }
 
 bool PrintState(const fs::path& path) {
-  const auto item = NewPlaceholder(path);
-  if (CORVWinCFPlaceholderOpen(item.get()) != 0) return false;
-  std::string line, identity(4096, 0);  // the library writes no terminator
-  for (const auto ask : {CORVWinCFPlaceholderIsPlaceholder, CORVWinCFPlaceholderIsFullyHydrated,
-                         CORVWinCFPlaceholderIsPinned, CORVWinCFPlaceholderIsExcluded,
-                         CORVWinCFPlaceholderIsInSync}) {
-    line += ask(item.get()) == 0 ? "yes          " : "no           ";
+  auto item = NewPlaceholder(path);
+  if (!item.Open()) return false;
+  std::string line;
+  for (const bool answer : {item.IsPlaceholder(), item.IsFullyHydrated(), item.IsPinned(),
+                            item.IsExcluded(), item.IsInSync()}) {
+    line += answer ? "yes          " : "no           ";
   }
-  CORVWinCFPlaceholderGetFileIdentity(item.get(), identity.data());
-  Print(line + Utf8(path) + " = " + identity.substr(0, identity.find('\0')));
+  Print(line + Utf8(path) + " = " + item.GetIdentity());
   return true;
 }
 
 bool Unregister(const fs::path& root) {
   const auto identity = RootIdentity(root);
   const auto session = std::strtoull(&identity[identity.rfind('.') + 1], nullptr, 10);
-  const auto result = CORVWinCFSyncRootUnregister(NewSyncRoot(root, session).get());
+  const auto result = NewSyncRoot(root, session).Unregister();
   if (RootIdentity(root).empty()) HideFromExplorer(root);
   Require(result, "cannot unregister " + Utf8(root));
   return true;
@@ -345,10 +334,10 @@ struct Action {
 };
 const std::map<std::string, Action> kActions{
     {"--state", {PrintState, true, "it cannot be opened"}},
-    {"--hydrate-all", {Do<CORVWinCFPlaceholderHydrateAll, true>, true, "is it being served?"}},
-    {"--dehydrate", {Do<CORVWinCFPlaceholderDehydrateAll, true>, true, "it is pinned or in use"}},
-    {"--pin", {Do<CORVWinCFPlaceholderPinToLocal>, false, "the system refused it"}},
-    {"--unpin", {Do<CORVWinCFPlaceholderForceUnpin>, false, "the system refused it"}},
+    {"--hydrate-all", {Do<&nimbra::Placeholder::Hydrate, true>, true, "is it being served?"}},
+    {"--dehydrate", {Do<&nimbra::Placeholder::Dehydrate, true>, true, "it is pinned or in use"}},
+    {"--pin", {Do<&nimbra::Placeholder::Pin>, false, "the system refused it"}},
+    {"--unpin", {Do<&nimbra::Placeholder::ForceUnpin>, false, "the system refused it"}},
     {"--no-explorer", {HideFromExplorer, false, "mirror has made no entry for it", false}},
     {"--unregister", {Unregister, false, ""}}};
 
@@ -385,7 +374,7 @@ void RequireSyncRoot(const fs::path& source, const fs::path& root, std::uint64_t
   const auto advice = "give that number with --session, or --unregister it first";
   if (!identity.empty()) throw Failure(Utf8(root) + " is registered as " + identity, advice);
   const auto name = Utf8(source.filename());  // which the shell shows
-  const auto result = CORVWinCFSyncRootRegister(NewSyncRoot(root, session).get(), name.c_str());
+  const auto result = NewSyncRoot(root, session).Register(name);
   Require(result, "cannot register " + Utf8(root));
 }
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -110,20 +111,17 @@ void MakePreview(const fs::path& image, const fs::path& preview) {
 }
 
 // Called on the system's threads, several at once, while it draws a folder. Most files are no
-// pictures: that is no failure to speak of.
-bool FindPreview(const wchar_t* item, wchar_t* imagePath) noexcept try {
+// pictures: that is no failure to speak of, and what is thrown means that there is no preview.
+std::optional<std::wstring> FindPreview(std::wstring_view item) {
   const auto image = SourceOf(item);
-  if (!fs::is_regular_file(image)) return false;
+  if (!fs::is_regular_file(image)) return std::nullopt;
   const auto preview = PreviewOf(image);
-  if (preview.native().size() >= MAX_PATH) return false;
+  if (preview.native().size() >= MAX_PATH) return std::nullopt;
   if (!fs::exists(preview)) {
     MakePreview(image, preview);
     Print("preview " + Utf8(image.lexically_relative(folders->source).generic_wstring()));
   }
-  preview.native().copy(imagePath, MAX_PATH - 1);  // it is all zero, and so keeps its terminator
-  return fs::exists(preview);
-} catch (const std::exception&) {
-  return false;
+  return fs::exists(preview) ? std::optional(preview.native()) : std::nullopt;
 }
 
 }  // namespace
@@ -132,10 +130,10 @@ Thumbnails::Thumbnails(const fs::path& source, const fs::path& root) {
   const auto previews = fs::temp_directory_path() / "Nimbra mirror previews";
   fs::create_directories(previews);
   folders = new Folders{source, root, previews};
-  CORVWinCFSetThumbRetrieverCb(FindPreview);
-  CORVWinCFStartShellServices();
+  nimbra::SetThumbnailRetriever<FindPreview>();
+  nimbra::StartShellServices();
 }
 
-Thumbnails::~Thumbnails() { CORVWinCFSetThumbRetrieverCb(nullptr); }
+Thumbnails::~Thumbnails() { nimbra::ClearThumbnailRetriever(); }
 
 }  // namespace mirror

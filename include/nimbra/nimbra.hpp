@@ -522,8 +522,8 @@ struct ExplorerEntry {
   std::string clsid;
   /** The client's number for the folder of shortcuts. */
   std::uint64_t systemFolderId = 0;
-  std::string displayName;
-  std::string shareName;
+  std::string displayName = {};
+  std::string shareName = {};
   /** "/", or a path whose last component names the shortcut. */
   std::string remotePath = "/";
 
