@@ -114,6 +114,8 @@ class Stage:
         for path in sorted(DOCS.iterdir()):
             if path.suffix == ".md":
                 self.write(path.name, self.rewrite_links(path.read_text(encoding="utf-8"), path))
+            elif path.is_dir():
+                shutil.copytree(path, self.folder / path.name)
             else:
                 shutil.copy(path, self.folder)
 
