@@ -5,6 +5,14 @@ include_guard(GLOBAL)
 option(NIMBRA_CHECKED "Find mistakes with memory and undefined behaviour while running (MinGW)" OFF)
 option(NIMBRA_COVERAGE "Count which lines of the library run (MinGW)" OFF)
 
+if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  enable_language(ASM)
+  # lld's front for MinGW does not know --push-state, which CMake would use.
+  set(CMAKE_CXX_LINK_LIBRARY_USING_WHOLE_ARCHIVE
+    LINKER:--whole-archive <LINK_ITEM> LINKER:--no-whole-archive)
+  set(CMAKE_CXX_LINK_LIBRARY_USING_WHOLE_ARCHIVE_SUPPORTED TRUE)
+endif()
+
 # A build whose programs end at the first mistake: every block of memory between pages that cannot
 # be touched (tests/guard-heap), and undefined behaviour as a trap, as there is no sanitizer runtime
 # for this platform. Without -fno-allocation-dce the compiler removes pairs of new and delete that
@@ -61,8 +69,44 @@ function(nimbra_target_basics target)
     if(MINGW)
       target_link_options(${target} PRIVATE -static -Wl,--no-insert-timestamp
         $<$<AND:$<CONFIG:Release>,$<NOT:$<BOOL:$<TARGET_PROPERTY:NIMBRA_KEEPS_SYMBOLS>>>>:-s>)
+      nimbra_target_protections(${target})
+      nimbra_target_symbols(${target})
     endif()
   endif()
+endfunction()
+
+# What Windows does to keep an attacker who found a mistake from using it, as far as the compiler and
+# the linker have to know: addresses that cannot be guessed, indirect calls to permitted targets only
+# (Control Flow Guard), returns that a shadow stack checks (CET). See docs/building.md.
+function(nimbra_target_protections target)
+  target_link_options(${target} PRIVATE -Wl,--high-entropy-va,--dynamicbase,--nxcompat)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    return()
+  endif()
+  target_compile_options(${target} PRIVATE -mguard=cf)
+  target_link_options(${target} PRIVATE -Wl,--guard-cf -Wl,--Xlink=-cetcompat)
+  get_target_property(type ${target} TYPE)
+  if(type MATCHES "EXECUTABLE|SHARED_LIBRARY")
+    set(runtime "${CMAKE_SOURCE_DIR}/cmake/control-flow-guard.S")
+    target_sources(${target} PRIVATE "${runtime}")
+    set_source_files_properties("${runtime}" PROPERTIES
+      COMPILE_OPTIONS -Wno-unused-command-line-argument)
+  endif()
+endfunction()
+
+# Symbols in the format of Windows' own debuggers, in a file <target>.pdb beside what is linked. The
+# tests go without.
+function(nimbra_target_symbols target)
+  get_target_property(folder ${target} SOURCE_DIR)
+  cmake_path(RELATIVE_PATH folder BASE_DIRECTORY "${CMAKE_SOURCE_DIR}")
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR folder MATCHES "^tests")
+    return()
+  endif()
+  target_compile_options(${target} PRIVATE -g -gcodeview -gno-codeview-command-line)
+  # The image names the file without its folder, and the file the sources as the compiler saw them:
+  # a build in another folder is the same.
+  target_link_options(${target} PRIVATE
+    -Wl,--pdb= "-Wl,--Xlink=-pdbaltpath:%_PDB%" -Wl,--Xlink=-pdbsourcepath:.)
 endfunction()
 
 # The manifest that a host program needs: without `supportedOS` Windows reports an older version and

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <windows.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <thread>
@@ -147,7 +148,8 @@ TEST(EntryPointTest, AsksForItsBuildsInOrder) {
     EXPECT_EQ(watch.typeMasks[i], 7u);
     const BYTE condition = i == 1 ? VER_EQUAL : VER_GREATER_EQUAL;
     DWORDLONG mask = 0;
-    for (const DWORD type : {VER_MAJORVERSION, VER_MINORVERSION, VER_BUILDNUMBER}) {
+    for (const DWORD type :
+         std::initializer_list<DWORD>{VER_MAJORVERSION, VER_MINORVERSION, VER_BUILDNUMBER}) {
       mask = VerSetConditionMask(mask, type, condition);
     }
     EXPECT_EQ(watch.conditions[i], mask);

@@ -43,6 +43,22 @@ class HeapWatch {
   static std::size_t BlockSize(const void* address);
 };
 
+// Ends a watch's failures, and says whether there was one.
+class FailureReport {
+ public:
+  FailureReport(HeapWatch& watch, bool& failed) : watch_(watch), failed_(failed) {}
+  FailureReport(const FailureReport&) = delete;
+  FailureReport& operator=(const FailureReport&) = delete;
+  ~FailureReport() {
+    failed_ = watch_.Failed();
+    watch_.StopFailing();
+  }
+
+ private:
+  HeapWatch& watch_;
+  bool& failed_;
+};
+
 // Runs `body(n)` with the n-th allocation failing, n = 1, 2, …, until a run meets no failure;
 // `body` returns after its assertions. Gives the number of allocations that were failed. `body`
 // must place the watched code in `watched` so that its own allocations do not count:
@@ -60,14 +76,7 @@ int ForEachFailingAllocation(Body body, bool persistent = false) {
       } else {
         watch.FailAllocation(n);
       }
-      struct Stop {
-        HeapWatch& watch;
-        bool& failed;
-        ~Stop() {
-          failed = watch.Failed();
-          watch.StopFailing();
-        }
-      } stop{watch, failed};
+      const FailureReport report(watch, failed);
       code();
     };
     body(watched, failed);

@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <set>
 #include <string>
@@ -90,7 +91,7 @@ TEST_F(ConnectionTest, EveryEventHasATranslatorOfItsOwn) {
 TEST_F(ConnectionTest, EachVariantOfTheTableIsBuiltOnce) {
   const SyncRoot other("C:\\Other", 13);
   std::map<DWORD, std::set<const CF_CALLBACK_REGISTRATION*>> addresses;
-  for (const DWORD build : {17134, 19045, 17134, 22631}) {
+  for (const DWORD build : std::initializer_list<DWORD>{17134, 19045, 17134, 22631}) {
     windows_.Become(build);
     for (const CORVWinCFSyncRootHandle root : {root_.Get(), other.Get()}) {
       cloud_.Clear();

@@ -89,14 +89,14 @@ TEST_P(HydrateEitherWayTest, AnEmptyFileIsARequestOfLengthZero) {
 }
 
 TEST_P(HydrateEitherWayTest, KeepsAll64BitsOfTheSize) {
-  const std::int64_t large = (std::int64_t{7} << 40) + 3;
-  const FileSizeDouble size([large](auto, HANDLE, PLARGE_INTEGER output) -> BOOL {
-    output->QuadPart = large;
+  constexpr std::int64_t kLarge = (std::int64_t{7} << 40) + 3;
+  const FileSizeDouble size([](auto, HANDLE, PLARGE_INTEGER output) -> BOOL {
+    output->QuadPart = kLarge;
     return TRUE;
   });
   EXPECT_EQ(Hydrate(), 0);
 
-  EXPECT_EQ(cloud_.Only<HydratePlaceholderCall>().length, large);
+  EXPECT_EQ(cloud_.Only<HydratePlaceholderCall>().length, kLarge);
 }
 
 TEST_P(HydrateEitherWayTest, APendingRequestCountsAsSuccess) {

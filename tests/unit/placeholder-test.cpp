@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -184,8 +185,9 @@ TEST_F(PlaceholderOpenTest, IsSilentAboutAMissingFile) {
 TEST_F(PlaceholderOpenTest, LogsEveryOtherFailureWithItsCode) {
   const std::string path = folder_.ItemWithSlashes("\xC3\xA9.txt");
   const Placeholder placeholder(path);
-  for (const DWORD error : {ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION,
-                            ERROR_INVALID_NAME, 0x16Al}) {
+  for (const DWORD error :
+       std::initializer_list<DWORD>{ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED,
+                                    ERROR_SHARING_VIOLATION, ERROR_INVALID_NAME, 0x16A}) {
     SCOPED_TRACE(error);
     log_.Clear();
     files_.FailNextOpening(error);

@@ -150,9 +150,9 @@ HRESULT MakeThumbnail(const ImagePath& imagePath, const wchar_t* itemPath, HBITM
 HRESULT WinCFThumbnailProvider::QueryInterface(REFIID riid, void** ppv) {
   static const std::array<QITAB, 3> kInterfaces = {
       QITAB{&__uuidof(IInitializeWithItem),
-            OFFSETOFCLASS(IInitializeWithItem, WinCFThumbnailProvider)},
+            static_cast<int>(OFFSETOFCLASS(IInitializeWithItem, WinCFThumbnailProvider))},
       QITAB{&__uuidof(IThumbnailProvider),
-            OFFSETOFCLASS(IThumbnailProvider, WinCFThumbnailProvider)},
+            static_cast<int>(OFFSETOFCLASS(IThumbnailProvider, WinCFThumbnailProvider))},
       QITAB{nullptr, 0}};
   return QISearch(this, kInterfaces.data(), riid, ppv);
 }
