@@ -65,7 +65,7 @@ check_shell() {
 
 check_format() {
   local folders=()
-  for folder in bench examples include lib simulator tests; do
+  for folder in bench examples include lib simulator tests tools; do
     [[ ! -d $NIMBRA_SOURCE/$folder ]] || folders+=("$NIMBRA_SOURCE/$folder")
   done
   find "${folders[@]}" \( -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c' \) -print0 |

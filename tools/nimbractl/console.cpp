@@ -1,0 +1,76 @@
+#include "console.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <utility>
+
+#include "basics.h"
+
+namespace nimbractl {
+namespace {
+
+HANDLE HandleOf(Stream stream) {
+  return GetStdHandle(stream == Stream::kOutput ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
+}
+
+// A console takes UTF-16, so its code page, which other programs share, need not be changed.
+bool WriteToConsole(HANDLE console, const std::wstring& text) {
+  constexpr std::size_t kMost = 8192;  // older consoles refuse more at once
+  for (std::size_t at = 0; at < text.size();) {
+    const auto length = static_cast<DWORD>(std::min(kMost, text.size() - at));
+    DWORD written = 0;
+    if (!WriteConsoleW(console, text.data() + at, length, &written, nullptr) || written == 0) {
+      return false;
+    }
+    at += written;
+  }
+  return true;
+}
+
+// In code points, which is near enough for the names that appear in columns.
+std::size_t Width(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
+  }));
+}
+
+}  // namespace
+
+bool Write(Stream stream, const std::string& text) {
+  if (IsTerminal(stream)) return WriteToConsole(HandleOf(stream), Wide(text));
+  FILE* const file = stream == Stream::kOutput ? stdout : stderr;
+  return std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0;
+}
+
+bool WriteLine(Stream stream, const std::string& line) { return Write(stream, line + "\n"); }
+
+bool IsTerminal(Stream stream) {
+  DWORD mode = 0;
+  return GetConsoleMode(HandleOf(stream), &mode) != 0;
+}
+
+Table::Table(std::vector<std::string> titles) { rows_.push_back(std::move(titles)); }
+
+void Table::Add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+
+std::string Table::Text() const {
+  std::vector<std::size_t> widths(rows_.front().size());
+  for (const auto& row : rows_) {
+    for (std::size_t at = 0; at < row.size(); ++at) {
+      widths[at] = std::max(widths[at], Width(row[at]));
+    }
+  }
+  std::string text;
+  for (const auto& row : rows_) {
+    for (std::size_t at = 0; at + 1 < row.size(); ++at) {
+      text += row[at] + std::string(widths[at] - Width(row[at]) + 2, ' ');
+    }
+    text += row.back() + "\n";
+  }
+  return text;
+}
+
+}  // namespace nimbractl

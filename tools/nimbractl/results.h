@@ -1,0 +1,21 @@
+#ifndef NIMBRA_NIMBRACTL_RESULTS_H_
+#define NIMBRA_NIMBRACTL_RESULTS_H_
+
+#include <cstdint>
+#include <string>
+
+namespace nimbractl {
+
+// An HRESULT with its name and what it means, as far as known here or to Windows:
+// "0x80070188 ERROR_CLOUD_FILE_PINNED, it is pinned".
+[[nodiscard]] std::string ResultText(std::int32_t result);
+
+// What to do about it; a general hint where there is nothing better.
+[[nodiscard]] std::string ResultAdvice(std::int32_t result);
+
+// The same of a Win32 error code.
+[[nodiscard]] std::string ErrorText(std::uint32_t error);
+
+}  // namespace nimbractl
+
+#endif
