@@ -4,6 +4,7 @@
     api_reference.py check   every exported function has a section of the reference, and no other has
 """
 
+import html
 import pathlib
 import re
 import sys
@@ -20,6 +21,7 @@ COMMENT = re.compile(
 )
 FUNCTION = re.compile(r"^[\w\s*]+?\b(CORVWinCF\w+)\(", re.S)
 FIELD = re.compile(r"/\*\*(?P<text>.*?)\*/|^\s*(?P<code>[\w *]+?(?P<name>\w+)(?:\[\d+\])?);", re.S | re.M)
+WIDTH = 68  # of a declaration that is written in one line
 NAME = re.compile(r"\bCORVWinCF\w+(?!\w)")
 
 
@@ -41,6 +43,14 @@ class Item:
     @property
     def is_enumeration(self):
         return self.code.startswith("enum")
+
+    def declaration(self):
+        """A function's declaration, in the width of a page."""
+        line = " ".join(self.code.split())
+        if len(line) <= WIDTH:
+            return line
+        start, parameters = line.removesuffix(");").split("(", 1)
+        return start + "(\n    " + parameters.replace(", ", ",\n    ") + ");"
 
     def summary(self):
         text = self.body or f"Returns {self.result}"
@@ -158,7 +168,7 @@ class Writer:
         return "".join(piece if piece.startswith("`") else self._plain(piece) for piece in pieces)
 
     def _plain(self, text):
-        text = re.sub(r"([\\<>*_\[\]#])", r"\\\1", text)
+        text = re.sub(r"([\\*_\[\]#])", r"\\\1", html.escape(text, quote=False))
         return NAME.sub(lambda match: self.link(match[0].replace("\\", "")), text.replace("\\_", "_"))
 
     def link(self, name):
@@ -166,7 +176,7 @@ class Writer:
 
     def function(self, item, log_lines):
         yield heading(item.name)
-        yield f"```c\n{item.code}\n```\n"
+        yield f"```c\n{item.declaration()}\n```\n"
         if item.body:
             yield self.prose(item.body) + "\n"
         if item.parameters:
@@ -229,7 +239,8 @@ class Writer:
     def _conventions(self):
         text = clean(re.search(r"/\*\n(.*?)\*/", read_header(), re.S)[1])
         for convention in re.split(r"^ ?\d+\. ", text, flags=re.M)[1:]:
-            yield "1. " + self.prose(" ".join(convention.split()))
+            subject, rest = re.match(r"(.+?)((?:[.:]| is ).*)", convention, re.S).groups()
+            yield f"1. **{subject}**" + self.prose(" ".join(rest.rstrip().splitlines()))
         yield ""
 
 

@@ -209,7 +209,7 @@ HEAD = """# Log lines
 Nimbra writes its diagnostics to the debugger output (`OutputDebugString`): one line for each failure
 of the platform, and a few notes. There is nothing to switch on. To see them on Windows, run a
 debugger, a viewer of debugger output, or `nimbractl log`; under Wine set
-`WINEDEBUG=+debugstr` or look at the output of the program's own debugger.
+`WINEDEBUG=-all,warn+seh`, and they appear on the standard error.
 
 Each line has the form
 

@@ -34,7 +34,7 @@ NAVIGATION = {
     "Project": ["architecture.md", "reliability.md", "performance.md", "building.md", "packaging.md"],
 }  # fmt: skip
 API_GROUP = "Reference"
-TITLES = {"index.md": "Overview", HEADER_PAGE: "All functions"}  # where not the page's own
+TITLES = {"index.md": "Overview", HEADER_PAGE: "All functions", "source-readme.md": "README"}  # where not the page's own
 
 SETTINGS = {
     "site_name": "Nimbra",
@@ -48,8 +48,10 @@ SETTINGS = {
         "icon": {"logo": "material/cloud-sync-outline"},
         "features": ["navigation.tabs", "navigation.sections", "navigation.top", "toc.follow"],
         "palette": [
-            {"media": "(prefers-color-scheme: light)", "scheme": "default", "primary": "indigo"},
-            {"media": "(prefers-color-scheme: dark)", "scheme": "slate", "primary": "indigo"},
+            {"media": "(prefers-color-scheme: light)", "scheme": "default", "primary": "indigo",
+             "toggle": {"icon": "material/weather-night", "name": "Dark"}},
+            {"media": "(prefers-color-scheme: dark)", "scheme": "slate", "primary": "indigo",
+             "toggle": {"icon": "material/weather-sunny", "name": "Light"}},
         ],
     },
     "extra": {"generator": False},
@@ -151,6 +153,10 @@ def log_line_links():
     return links
 
 
+def with_titles(names):
+    return [{TITLES[name]: name} if name in TITLES else name for name in names]
+
+
 def navigation(folder):
     present = {path.name for path in folder.glob("*.md")}
     listed = {name for names in NAVIGATION.values() for name in names}
@@ -164,9 +170,9 @@ def navigation(folder):
             pages = [HEADER_PAGE, *(s.page for s in api_reference.sections()), *pages]
         if title == list(NAVIGATION)[-1]:
             pages += rest
-        groups.append({title: [{TITLES[name]: name} if name in TITLES else name for name in pages]})
+        groups.append({title: with_titles(pages)})
     sources = sorted(name for name in present if name.startswith("source-"))
-    groups[-1]["Project"].append({"Files": sources})
+    groups[-1]["Project"].append({"Files": with_titles(sources)})
     return groups
 
 
