@@ -1,0 +1,97 @@
+#include "bench/harness/measure.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+namespace nimbra_bench {
+namespace {
+
+// The shorter of two runs: one that the machine interrupted says nothing.
+double ShorterOfTwo(const Batch& batch, std::size_t times) {
+  const double first = batch(times);
+  return std::min(first, batch(times));
+}
+
+// How many operations make a batch; the runs that find it out are the warm-up.
+std::size_t BatchSize(const Effort& effort, const Batch& batch) {
+  std::size_t times = effort.leastTimes;
+  double took = ShorterOfTwo(batch, times);
+  while (took < effort.batchNanoseconds / 2 && times < effort.mostTimes) {
+    const double wanted =
+        effort.batchNanoseconds / std::max(took, 1.0) * static_cast<double>(times);
+    times = std::min(
+        {effort.mostTimes, times * 16, std::max(times * 2, static_cast<std::size_t>(wanted))});
+    took = ShorterOfTwo(batch, times);
+  }
+  return times;
+}
+
+// One thing to measure and what came of it in each round.
+struct Track {
+  const Batch* batch;
+  std::size_t times;
+  std::vector<double> perOperation;
+
+  void Run() { perOperation.push_back((*batch)(times) / static_cast<double>(times)); }
+};
+
+std::vector<double> Ratios(const Track& subject, const Track& baseline) {
+  std::vector<double> ratios;
+  for (std::size_t round = 0; round < subject.perOperation.size(); ++round) {
+    ratios.push_back(subject.perOperation[round] / baseline.perOperation[round]);
+  }
+  return ratios;
+}
+
+double DistanceFrom(double centre, std::vector<double> values) {
+  for (double& value : values) {
+    value = std::abs(value / centre - 1);
+  }
+  return Median(std::move(values));
+}
+
+std::vector<Track> Play(const Effort& effort, const Batch& baseline,
+                        const std::vector<Batch>& subjects) {
+  std::vector<Track> tracks;
+  const std::size_t baselineTimes = BatchSize(effort, baseline);
+  tracks.push_back({&baseline, baselineTimes, {}});
+  tracks.push_back({&baseline, baselineTimes, {}});
+  for (const Batch& subject : subjects) {
+    tracks.push_back({&subject, BatchSize(effort, subject), {}});
+  }
+  for (std::size_t round = 0; round < effort.rounds; ++round) {
+    for (std::size_t i = 0; i < tracks.size(); ++i) {
+      tracks[round % 2 == 0 ? i : tracks.size() - 1 - i].Run();
+    }
+  }
+  return tracks;
+}
+
+}  // namespace
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+std::vector<Comparison> Compare(const Effort& effort, const Batch& baseline,
+                                const std::vector<Batch>& subjects) {
+  const std::vector<Track> tracks = Play(effort, baseline, subjects);
+  const double noise = DistanceFrom(1, Ratios(tracks[1], tracks[0]));
+  std::vector<Comparison> comparisons;
+  for (std::size_t i = 2; i < tracks.size(); ++i) {
+    const std::vector<double> ratios = Ratios(tracks[i], tracks[0]);
+    const double ratio = Median(ratios);
+    comparisons.push_back({Median(tracks[i].perOperation), Median(tracks[0].perOperation), ratio,
+                           DistanceFrom(ratio, ratios), noise, effort.rounds});
+  }
+  return comparisons;
+}
+
+Comparison Compare(const Effort& effort, const Batch& baseline, const Batch& subject) {
+  return Compare(effort, baseline, std::vector{subject}).front();
+}
+
+}  // namespace nimbra_bench

@@ -1,0 +1,69 @@
+"""The rows that the measuring programs write, and what is said of them."""
+
+FAMILIES = {
+    "exports": "What each export adds to a platform that does nothing",
+    "callbacks": "From the platform's event to the client's callback",
+    "streaming": "A local file's data on its way to the platform",
+    "filter": "End to end on the cloud filter",
+    "shell": "The Explorer entry, thumbnails and the log",
+    "load": "Loading the library",
+}
+
+UNITS = ((1, "ns"), (1e3, "us"), (1e6, "ms"), (1e9, "s"))
+
+
+def time_text(nanoseconds):
+    """Three figures and a unit."""
+    factor, unit = max((pair for pair in UNITS if abs(nanoseconds) >= pair[0]), default=UNITS[0])
+    value = nanoseconds / factor
+    return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f} {unit}"
+
+
+def quantity(row, name):
+    """One of the numbers that limits are about."""
+    if name == "speed":
+        return 1 / row["ratio"]
+    if name == "own":
+        return row["subject"] - row["baseline"]
+    return row[name]
+
+
+def misses(row):
+    """The limits that the row does not keep, as texts."""
+    found = []
+    for limit in row.get("limits", ()):
+        value = quantity(row, limit["of"])
+        if "most" in limit and value > limit["most"]:
+            found.append(f"{limit['of']} {value:.4g} > {limit['most']:g}")
+        if "least" in limit and value < limit["least"]:
+            found.append(f"{limit['of']} {value:.4g} < {limit['least']:g}")
+    return found
+
+
+def limits_text(row):
+    signs = {"most": "<=", "least": ">="}
+    return ", ".join(
+        f"{limit['of']} {signs[kind]} {limit[kind]:g}"
+        for limit in row.get("limits", ())
+        for kind in signs
+        if kind in limit
+    )
+
+
+def problems(rows, families, functions=()):
+    """What is wrong with a run, speed aside: what is missing and what cannot be."""
+    found = [f"no rows of {family}" for family in families if not any_of(rows, family)]
+    for row in rows:
+        name = f"{row['family']}: {row['group']}: {row['name']}"
+        for key in ("subject", "baseline", "ratio"):
+            if not row[key] > 0:
+                found.append(f"{name}: {key} is {row[key]}")
+        if row.get("allocations", 0) < 0 or not 0 <= row["noise"] < 100:
+            found.append(f"{name}: impossible figures")
+    measured = {function for row in rows for function in row["functions"]}
+    found += [f"no row is about {function}" for function in functions if function not in measured]
+    return found
+
+
+def any_of(rows, family):
+    return any(row["family"] == family for row in rows)

@@ -1,0 +1,169 @@
+// How fast a local file's data reaches the platform: through the library, in the barest loop, and
+// in the shapes that other programs have, where each transfer costs the kernel this or that.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/harness/allocations.h"
+#include "bench/harness/families.h"
+#include "bench/harness/null-cloud.h"
+#include "bench/harness/report.h"
+#include "bench/harness/stream-shapes.h"
+#include "nimbra/nimbra.h"
+#include "tests/support/sync-root-handles.h"
+#include "tests/support/temp-folder.h"
+
+namespace nimbra_bench {
+namespace {
+
+constexpr std::int64_t kKiB = 1024;
+constexpr std::int64_t kMiB = 1024 * kKiB;
+constexpr std::int64_t kLarge = 16 * kMiB;
+
+constexpr double kLeastSpeed = 0.97;
+constexpr double kMostOwnNanoseconds = 30'000;
+constexpr double kUsualCost = 20;
+
+std::string SizeText(std::int64_t size) {
+  if (size >= kMiB) {
+    return std::to_string(size / kMiB) + " MiB";
+  }
+  return size >= kKiB ? std::to_string(size / kKiB) + " KiB" : std::to_string(size) + " B";
+}
+
+// A file with the data, and what it is transferred to.
+class Source {
+ public:
+  explicit Source(std::int64_t size) : size_(size) {
+    const std::string path = size >= kMiB ? folder_.WriteLargeFile("source", size)
+                                          : folder_.WriteFile("source", Content(size));
+    path_ = nimbra_test::Wide(path);
+    CORVWinCFPlaceholderOpen(placeholder_.Get());
+  }
+
+  [[nodiscard]] StreamShape Library() const {
+    return LibraryShape(root_.Get(), placeholder_.Get());
+  }
+  // Streams the file once and says how many transfers that took. Throws when bytes are missing.
+  [[nodiscard]] std::int64_t CountTransfers(const StreamShape& shape) const {
+    NullCloud::TakeTransfers();
+    shape.stream(path_);
+    const NullCloud::Transfers transfers = NullCloud::TakeTransfers();
+    if (transfers.bytes != size_) {
+      throw std::runtime_error(shape.name + ": not all data was transferred");
+    }
+    return transfers.count;
+  }
+  [[nodiscard]] Batch BatchOf(const StreamShape& shape) const {
+    return Repeat([stream = shape.stream, path = path_] { stream(path); });
+  }
+  [[nodiscard]] std::int64_t Size() const { return size_; }
+
+ private:
+  static std::string Content(std::int64_t size) {
+    return std::string(static_cast<std::size_t>(size), 'x');
+  }
+
+  std::int64_t size_;
+  nimbra_test::TempFolder folder_;
+  std::wstring path_;
+  nimbra_test::SyncRoot root_;
+  nimbra_test::Placeholder placeholder_{folder_.WriteFile("placeholder", "")};
+};
+
+Row RowOf(const Source& source, const StreamShape& shape, double kernelCost,
+          const Comparison& times) {
+  Row row;
+  row.family = "streaming";
+  row.group = SizeText(source.Size()) + ", " + std::to_string(static_cast<int>(kernelCost)) +
+              " us a transfer";
+  row.name = shape.name;
+  row.times = times;
+  row.more = {{"size", static_cast<double>(source.Size())},
+              {"kernelCost", kernelCost},
+              {"transfers", static_cast<double>(source.CountTransfers(shape))},
+              {"copies", shape.copies}};
+  return row;
+}
+
+// The library beside the bare loop.
+void MeasureLibrary(const Source& source, double cost, const Effort& effort) {
+  const StreamShape bare = BareShape();
+  const StreamShape library = source.Library();
+  NullCloud::SetTransferCost(cost);
+  const Comparison times = Compare(effort, source.BatchOf(bare), source.BatchOf(library));
+  Row row = RowOf(source, library, cost, times);
+  row.functions = {"CORVWinCFSyncRootProactiveTransferToPlaceholder"};
+  if (cost == 0) {
+    row.allocations = AllocationsOf([&] { static_cast<void>(source.CountTransfers(library)); });
+  }
+  if (source.Size() >= kLarge) {
+    row.limits = {{"speed", kLeastSpeed, false}};
+  } else if (source.Size() == 4 * kKiB) {
+    row.limits = {{"own", kMostOwnNanoseconds}};
+  }
+  Write(row);
+}
+
+// All shapes, the library's as the baseline: the figures say how much longer the others take.
+void MeasureShapes(const Source& source, double cost, const Effort& effort) {
+  NullCloud::SetTransferCost(cost);
+  const std::vector<StreamShape> shapes = OtherShapes();
+  std::vector<Batch> batches;
+  for (const StreamShape& shape : shapes) {
+    batches.push_back(source.BatchOf(shape));
+  }
+  const auto comparisons = Compare(effort, source.BatchOf(source.Library()), batches);
+  for (std::size_t i = 0; i < shapes.size(); ++i) {
+    Row row = RowOf(source, shapes[i], cost, comparisons[i]);
+    row.group += ", other shapes beside the library";
+    if (cost == kUsualCost && source.Size() >= kLarge) {
+      row.limits = {{"ratio", 1, false}};
+    }
+    Write(row);
+  }
+}
+
+// The costs of a transfer to go through.
+std::vector<double> KernelCosts(const Settings& settings) {
+  return settings.isQuick ? std::vector<double>{kUsualCost} : std::vector<double>{0, 5, 20, 100};
+}
+
+void MeasureSize(const Settings& settings, std::int64_t size) {
+  const Source source(size);
+  const bool takesLong = size > kLarge;
+  const Effort effort = size >= kMiB ? settings.Long(takesLong ? 11 : 15) : settings.Short();
+  for (const double cost : KernelCosts(settings)) {
+    MeasureLibrary(source, cost, effort);
+  }
+  if (size == (settings.isQuick ? kMiB : kLarge)) {
+    for (const double cost : KernelCosts(settings)) {
+      MeasureShapes(source, cost, settings.Long(cost > kUsualCost ? 3 : 5));
+    }
+  } else if (takesLong) {
+    MeasureShapes(source, kUsualCost, settings.Long(3));
+  }
+}
+
+}  // namespace
+
+void MeasureStreaming(const Settings& settings) {
+  const NullCloud cloud;
+  std::vector<std::int64_t> sizes = {0, 4 * kKiB, 64 * kKiB, kMiB};
+  if (!settings.isQuick) {
+    sizes.insert(sizes.end(), {kLarge, 256 * kMiB});
+  }
+  if (settings.isLarge) {
+    sizes.push_back(1024 * kMiB);
+  }
+  for (const std::int64_t size : sizes) {
+    MeasureSize(settings, size);
+  }
+}
+
+}  // namespace nimbra_bench
