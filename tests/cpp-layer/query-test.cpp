@@ -121,8 +121,8 @@ TEST_F(ExplorerEntryTest, IsRegisteredAndUnregisteredWithTheSameArguments) {
   nimbra_.Answer("SyncEngineUnregister", kFailure);
   EXPECT_FALSE(entry.Register());
   EXPECT_FALSE(entry.Unregister());
-  const auto arguments = "(\"C:\\Sync\", \"" + std::string(kGuid) +
-                         R"(", 18446744073709551615, "name", "home", "/a"))";
+  const auto arguments =
+      R"(("C:\Sync", ")" + std::string(kGuid) + R"(", 18446744073709551615, "name", "home", "/a"))";
   EXPECT_THAT(nimbra_.Take(),
               ElementsAre("SyncEngineRegister" + arguments, "SyncEngineUnregister" + arguments,
                           "SyncEngineRegister" + arguments, "SyncEngineUnregister" + arguments));

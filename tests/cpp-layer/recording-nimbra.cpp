@@ -161,88 +161,90 @@ CORVWinCFStatus CORVWinCFIsPathUnderCorvDriveSyncRoot(const char* path) {
   return Functions::Do("IsPathUnderCorvDriveSyncRoot", path);
 }
 
-CORVWinCFStatus CORVWinCFSyncRootNew(CORVWinCFSyncRootHandle* out, const char* path,
-                                     uint64_t session) {
-  return Functions::Make("SyncRootNew", out, path, session);
+CORVWinCFStatus CORVWinCFSyncRootNew(CORVWinCFSyncRootHandle* handleOut, const char* path,
+                                     uint64_t sessionId) {
+  return Functions::Make("SyncRootNew", handleOut, path, sessionId);
 }
-CORVWinCFHresult CORVWinCFSyncRootRegister(CORVWinCFSyncRootHandle root, const char* text) {
-  return Functions::Do("SyncRootRegister", root, text);
+CORVWinCFHresult CORVWinCFSyncRootRegister(CORVWinCFSyncRootHandle handle, const char* text) {
+  return Functions::Do("SyncRootRegister", handle, text);
 }
-CORVWinCFHresult CORVWinCFSyncRootReregister(CORVWinCFSyncRootHandle root, const char* text) {
-  return Functions::Do("SyncRootReregister", root, text);
+CORVWinCFHresult CORVWinCFSyncRootReregister(CORVWinCFSyncRootHandle handle, const char* text) {
+  return Functions::Do("SyncRootReregister", handle, text);
 }
-CORVWinCFHresult CORVWinCFSyncRootUnregister(CORVWinCFSyncRootHandle root) {
-  return Functions::Do("SyncRootUnregister", root);
+CORVWinCFHresult CORVWinCFSyncRootUnregister(CORVWinCFSyncRootHandle handle) {
+  return Functions::Do("SyncRootUnregister", handle);
 }
-CORVWinCFHresult CORVWinCFSyncRootConnect(CORVWinCFSyncRootHandle root,
-                                          CORVWinCFCallbackDelegatorHandle delegator) {
-  return Functions::Do("SyncRootConnect", root, delegator);
+CORVWinCFHresult CORVWinCFSyncRootConnect(CORVWinCFSyncRootHandle syncRootHandle,
+                                          CORVWinCFCallbackDelegatorHandle delegatorHandle) {
+  return Functions::Do("SyncRootConnect", syncRootHandle, delegatorHandle);
 }
-CORVWinCFHresult CORVWinCFSyncRootDisconnect(CORVWinCFSyncRootHandle root) {
-  return Functions::Do("SyncRootDisconnect", root);
+CORVWinCFHresult CORVWinCFSyncRootDisconnect(CORVWinCFSyncRootHandle handle) {
+  return Functions::Do("SyncRootDisconnect", handle);
 }
-CORVWinCFHresult CORVWinCFSyncRootTransferData(CORVWinCFSyncRootHandle root, int64_t key,
+CORVWinCFHresult CORVWinCFSyncRootTransferData(CORVWinCFSyncRootHandle handle, int64_t transferKey,
                                                int64_t unused, const void* buffer, int64_t offset,
                                                int64_t length, uint32_t status) {
-  return Functions::Transfer(buffer, root, key, unused, offset, length, status);
+  return Functions::Transfer(buffer, handle, transferKey, unused, offset, length, status);
 }
-CORVWinCFHresult CORVWinCFSyncRootReportTransferProgress(CORVWinCFSyncRootHandle root, int64_t key,
-                                                         int64_t total, int64_t completed) {
-  return Functions::Do("SyncRootReportTransferProgress", root, key, total, completed);
+CORVWinCFHresult CORVWinCFSyncRootReportTransferProgress(CORVWinCFSyncRootHandle handle,
+                                                         int64_t transferKey, int64_t total,
+                                                         int64_t completed) {
+  return Functions::Do("SyncRootReportTransferProgress", handle, transferKey, total, completed);
 }
-CORVWinCFStatus CORVWinCFSyncRootProactiveTransferToPlaceholder(CORVWinCFSyncRootHandle root,
-                                                                CORVWinCFPlaceholderHandle item,
-                                                                const char* path) {
-  return Functions::Do("SyncRootProactiveTransferToPlaceholder", root, item, path);
+CORVWinCFStatus CORVWinCFSyncRootProactiveTransferToPlaceholder(
+    CORVWinCFSyncRootHandle handle, CORVWinCFPlaceholderHandle placeholderHandle,
+    const char* localPath) {
+  return Functions::Do("SyncRootProactiveTransferToPlaceholder", handle, placeholderHandle,
+                       localPath);
 }
-CORVWinCFStatus CORVWinCFSyncRootAckRename(CORVWinCFSyncRootHandle root, int64_t key) {
-  return Functions::Do("SyncRootAckRename", root, key);
+CORVWinCFStatus CORVWinCFSyncRootAckRename(CORVWinCFSyncRootHandle handle, int64_t transferKey) {
+  return Functions::Do("SyncRootAckRename", handle, transferKey);
 }
-CORVWinCFStatus CORVWinCFSyncRootAckDelete(CORVWinCFSyncRootHandle root, int64_t key,
+CORVWinCFStatus CORVWinCFSyncRootAckDelete(CORVWinCFSyncRootHandle handle, int64_t transferKey,
                                            int64_t unused, uint32_t status) {
-  return Functions::Do("SyncRootAckDelete", root, key, unused, status);
+  return Functions::Do("SyncRootAckDelete", handle, transferKey, unused, status);
 }
-void CORVWinCFSyncRootRelease(CORVWinCFSyncRootHandle* root) {
-  Functions::Release("SyncRootRelease", *root);
+void CORVWinCFSyncRootRelease(CORVWinCFSyncRootHandle* handleVariable) {
+  Functions::Release("SyncRootRelease", *handleVariable);
 }
 
-CORVWinCFStatus CORVWinCFCallbackDelegatorNew(CORVWinCFCallbackDelegatorHandle* out,
+CORVWinCFStatus CORVWinCFCallbackDelegatorNew(CORVWinCFCallbackDelegatorHandle* handleOut,
                                               void* context) {
-  return Functions::NewDelegator(out, context);
+  return Functions::NewDelegator(handleOut, context);
 }
-CORVWinCFStatus CORVWinCFCallbackDelegatorSetFetchCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("Fetch", delegator, callback);
+CORVWinCFStatus CORVWinCFCallbackDelegatorSetFetchCallback(CORVWinCFCallbackDelegatorHandle handle,
+                                                           CORVWinCFCallback callback) {
+  return Functions::Set("Fetch", handle, callback);
 }
 CORVWinCFStatus CORVWinCFCallbackDelegatorSetFetchCancelCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("FetchCancel", delegator, callback);
+    CORVWinCFCallbackDelegatorHandle handle, CORVWinCFCallback callback) {
+  return Functions::Set("FetchCancel", handle, callback);
 }
-CORVWinCFStatus CORVWinCFCallbackDelegatorSetDeleteCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("Delete", delegator, callback);
+CORVWinCFStatus CORVWinCFCallbackDelegatorSetDeleteCallback(CORVWinCFCallbackDelegatorHandle handle,
+                                                            CORVWinCFCallback callback) {
+  return Functions::Set("Delete", handle, callback);
 }
-CORVWinCFStatus CORVWinCFCallbackDelegatorSetRenameCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("Rename", delegator, callback);
+CORVWinCFStatus CORVWinCFCallbackDelegatorSetRenameCallback(CORVWinCFCallbackDelegatorHandle handle,
+                                                            CORVWinCFCallback callback) {
+  return Functions::Set("Rename", handle, callback);
 }
 CORVWinCFStatus CORVWinCFCallbackDelegatorSetRenameCompletionCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("RenameCompletion", delegator, callback);
+    CORVWinCFCallbackDelegatorHandle handle, CORVWinCFCallback callback) {
+  return Functions::Set("RenameCompletion", handle, callback);
 }
 CORVWinCFStatus CORVWinCFCallbackDelegatorSetOpenCompletionCallback(
-    CORVWinCFCallbackDelegatorHandle delegator, CORVWinCFCallback callback) {
-  return Functions::Set("OpenCompletion", delegator, callback);
+    CORVWinCFCallbackDelegatorHandle handle, CORVWinCFCallback callback) {
+  return Functions::Set("OpenCompletion", handle, callback);
 }
-void CORVWinCFCallbackDelegatorRelease(CORVWinCFCallbackDelegatorHandle delegator) {
-  Functions::Release("CallbackDelegatorRelease", delegator);
+void CORVWinCFCallbackDelegatorRelease(CORVWinCFCallbackDelegatorHandle handle) {
+  Functions::Release("CallbackDelegatorRelease", handle);
 }
 
 CORVWinCFStatus CORVWinCFIsPlaceholder(const char* path) {
   return Functions::Do("IsPlaceholder", path);
 }
-CORVWinCFStatus CORVWinCFIsPlaceholderByFindData(const struct _WIN32_FIND_DATAW* data) {
-  return Functions::Do("IsPlaceholderByFindData", data);
+CORVWinCFStatus CORVWinCFIsPlaceholderByFindData(const struct _WIN32_FIND_DATAW* findData) {
+  return Functions::Do("IsPlaceholderByFindData", findData);
 }
 CORVWinCFStatus CORVWinCFIsFullyHydrated(const char* path) {
   return Functions::Do("IsFullyHydrated", path);
@@ -251,102 +253,106 @@ CORVWinCFStatus CORVWinCFIsFullyHydratedW(const wchar_t* path) {
   return Functions::Do("IsFullyHydratedW", path);
 }
 
-CORVWinCFStatus CORVWinCFPlaceholderNew(CORVWinCFPlaceholderHandle* out, const char* path) {
-  return Functions::Make("PlaceholderNew", out, path);
+CORVWinCFStatus CORVWinCFPlaceholderNew(CORVWinCFPlaceholderHandle* handleOut, const char* path) {
+  return Functions::Make("PlaceholderNew", handleOut, path);
 }
-CORVWinCFStatus CORVWinCFPlaceholderOpen(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderOpen", item);
+CORVWinCFStatus CORVWinCFPlaceholderOpen(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderOpen", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderCreate(CORVWinCFPlaceholderHandle item, const char* identity,
+CORVWinCFStatus CORVWinCFPlaceholderCreate(CORVWinCFPlaceholderHandle handle, const char* identity,
                                            CORVWinCFPlaceholderMetaHandle meta) {
-  return Functions::Do("PlaceholderCreate", item, identity, meta);
+  return Functions::Do("PlaceholderCreate", handle, identity, meta);
 }
-CORVWinCFStatus CORVWinCFPlaceholderUpdate(CORVWinCFPlaceholderHandle item, const char* identity,
+CORVWinCFStatus CORVWinCFPlaceholderUpdate(CORVWinCFPlaceholderHandle handle, const char* identity,
                                            CORVWinCFPlaceholderMetaHandle meta) {
-  return Functions::Do("PlaceholderUpdate", item, identity, meta);
+  return Functions::Do("PlaceholderUpdate", handle, identity, meta);
 }
-CORVWinCFStatus CORVWinCFPlaceholderConvertToPlaceholder(CORVWinCFPlaceholderHandle item,
+CORVWinCFStatus CORVWinCFPlaceholderConvertToPlaceholder(CORVWinCFPlaceholderHandle handle,
                                                          const char* identity) {
-  return Functions::Do("PlaceholderConvertToPlaceholder", item, identity);
+  return Functions::Do("PlaceholderConvertToPlaceholder", handle, identity);
 }
-CORVWinCFStatus CORVWinCFPlaceholderRevertToNormal(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderRevertToNormal", item);
+CORVWinCFStatus CORVWinCFPlaceholderRevertToNormal(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderRevertToNormal", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderIsPlaceholder(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderIsPlaceholder", item);
+CORVWinCFStatus CORVWinCFPlaceholderIsPlaceholder(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderIsPlaceholder", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderIsFullyHydrated(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderIsFullyHydrated", item);
+CORVWinCFStatus CORVWinCFPlaceholderIsFullyHydrated(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderIsFullyHydrated", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderIsPinned(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderIsPinned", item);
+CORVWinCFStatus CORVWinCFPlaceholderIsPinned(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderIsPinned", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderIsExcluded(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderIsExcluded", item);
+CORVWinCFStatus CORVWinCFPlaceholderIsExcluded(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderIsExcluded", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderIsInSync(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderIsInSync", item);
+CORVWinCFStatus CORVWinCFPlaceholderIsInSync(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderIsInSync", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderHydrateAll(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderHydrateAll", item);
+CORVWinCFStatus CORVWinCFPlaceholderHydrateAll(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderHydrateAll", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderHydrateAllAsync(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderHydrateAllAsync", item);
+CORVWinCFStatus CORVWinCFPlaceholderHydrateAllAsync(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderHydrateAllAsync", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderDehydrateAll(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderDehydrateAll", item);
+CORVWinCFStatus CORVWinCFPlaceholderDehydrateAll(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderDehydrateAll", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderPinToLocal(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderPinToLocal", item);
+CORVWinCFStatus CORVWinCFPlaceholderPinToLocal(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderPinToLocal", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderUnpin(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderUnpin", item);
+CORVWinCFStatus CORVWinCFPlaceholderUnpin(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderUnpin", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderForceUnpin(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderForceUnpin", item);
+CORVWinCFStatus CORVWinCFPlaceholderForceUnpin(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderForceUnpin", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderSetInSync(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderSetInSync", item);
+CORVWinCFStatus CORVWinCFPlaceholderSetInSync(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderSetInSync", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderSetNotInSync(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderSetNotInSync", item);
+CORVWinCFStatus CORVWinCFPlaceholderSetNotInSync(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderSetNotInSync", handle);
 }
-CORVWinCFStatus CORVWinCFPlaceholderSetExcluded(CORVWinCFPlaceholderHandle item) {
-  return Functions::Do("PlaceholderSetExcluded", item);
+CORVWinCFStatus CORVWinCFPlaceholderSetExcluded(CORVWinCFPlaceholderHandle handle) {
+  return Functions::Do("PlaceholderSetExcluded", handle);
 }
-void CORVWinCFPlaceholderGetFileIdentity(CORVWinCFPlaceholderHandle item, void* buffer) {
-  Functions::FillIdentity(Functions::Do("PlaceholderGetFileIdentity", item), buffer);
+void CORVWinCFPlaceholderGetFileIdentity(CORVWinCFPlaceholderHandle handle, void* buffer) {
+  Functions::FillIdentity(Functions::Do("PlaceholderGetFileIdentity", handle), buffer);
 }
-CORVWinCFStatus CORVWinCFPlaceholderDehydrate(CORVWinCFPlaceholderHandle item, int64_t offset,
+CORVWinCFStatus CORVWinCFPlaceholderDehydrate(CORVWinCFPlaceholderHandle handle, int64_t offset,
                                               int64_t length) {
-  return Functions::Do("PlaceholderDehydrate", item, offset, length);
+  return Functions::Do("PlaceholderDehydrate", handle, offset, length);
 }
-void CORVWinCFPlaceholderRelease(CORVWinCFPlaceholderHandle item) {
-  Functions::Release("PlaceholderRelease", item);
+void CORVWinCFPlaceholderRelease(CORVWinCFPlaceholderHandle handle) {
+  Functions::Release("PlaceholderRelease", handle);
 }
 
-CORVWinCFPlaceholderMetaHandle CORVWinCFPlaceholderMetaNew(int64_t access, int64_t change,
-                                                           int64_t creation, int64_t write,
-                                                           int64_t size, int32_t type) {
+CORVWinCFPlaceholderMetaHandle CORVWinCFPlaceholderMetaNew(int64_t lastAccessTime,
+                                                           int64_t changeTime, int64_t creationTime,
+                                                           int64_t lastWriteTime, int64_t fileSize,
+                                                           int32_t type) {
   CORVWinCFPlaceholderMetaHandle meta = nullptr;
-  Functions::Make("PlaceholderMetaNew", &meta, access, change, creation, write, size, type);
+  Functions::Make("PlaceholderMetaNew", &meta, lastAccessTime, changeTime, creationTime,
+                  lastWriteTime, fileSize, type);
   return meta;
 }
-void CORVWinCFPlaceholderMetaRelease(CORVWinCFPlaceholderMetaHandle meta) {
-  Functions::Release("PlaceholderMetaRelease", meta);
+void CORVWinCFPlaceholderMetaRelease(CORVWinCFPlaceholderMetaHandle handle) {
+  Functions::Release("PlaceholderMetaRelease", handle);
 }
 
 CORVWinCFStatus CORVWinCFGenerateGuid(char** out) { return Functions::NewGuid(out); }
 void CORVWinCFReleaseGuid(void* guid) { Functions::ReleaseGuid(guid); }
-CORVWinCFStatus CORVWinCFSyncEngineRegister(const char* root, const char* clsid, uint64_t folder,
-                                            const char* display, const char* share,
-                                            const char* remote) {
-  return Functions::Do("SyncEngineRegister", root, clsid, folder, display, share, remote);
+CORVWinCFStatus CORVWinCFSyncEngineRegister(const char* syncRootPath, const char* clsid,
+                                            uint64_t systemFolderId, const char* displayName,
+                                            const char* shareName, const char* remotePath) {
+  return Functions::Do("SyncEngineRegister", syncRootPath, clsid, systemFolderId, displayName,
+                       shareName, remotePath);
 }
-CORVWinCFStatus CORVWinCFSyncEngineUnregister(const char* root, const char* clsid, uint64_t folder,
-                                              const char* display, const char* share,
-                                              const char* remote) {
-  return Functions::Do("SyncEngineUnregister", root, clsid, folder, display, share, remote);
+CORVWinCFStatus CORVWinCFSyncEngineUnregister(const char* syncRootPath, const char* clsid,
+                                              uint64_t systemFolderId, const char* displayName,
+                                              const char* shareName, const char* remotePath) {
+  return Functions::Do("SyncEngineUnregister", syncRootPath, clsid, systemFolderId, displayName,
+                       shareName, remotePath);
 }
 CORVWinCFStatus CORVWinCFSyncEngineUnregisterSystemFolder(const char* clsid) {
   return Functions::Do("SyncEngineUnregisterSystemFolder", clsid);
