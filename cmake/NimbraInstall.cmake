@@ -59,12 +59,6 @@ install(DIRECTORY "${packaging}/nuget" DESTINATION "${papers}")
 
 # Programs
 
-if(TARGET nimbractl)
-  get_target_property(file nimbractl NIMBRA_SHIPPED_AS)
-  if(NOT file)
-    nimbra_target_shipped(nimbractl nimbractl.exe "Nimbra: a command line for support and development")
-  endif()
-endif()
 foreach(target IN ITEMS mirror nimbractl)
   if(TARGET ${target})
     list(APPEND NIMBRA_INSTALLED_PROGRAMS ${target})

@@ -9,6 +9,8 @@ nimbra.cdx.json          what is in it (CycloneDX): the files with their checksu
 THIRD-PARTY-NOTICES.txt  the licences of that code
 SHA256SUMS               the checksums of all files, for `sha256sum --check`
 
+In the documents, links to what only the sources have become plain text.
+
 LIST has the paths of the installed files, one a line. MAP is the linker's record of the making of bin/FILE; HEADER is of a library of headers only, compiled
 into bin/FILE. Without any MAP, only SHA256SUMS is written. Nothing in these files depends on the time
 or on where the build was.
@@ -17,6 +19,7 @@ or on where the build was.
 import argparse
 import hashlib
 import json
+import os
 import pathlib
 import re
 import sys
@@ -28,6 +31,7 @@ sys.dont_write_bytecode = True  # the checkout may be read-only
 import linked_parts  # noqa: E402  (needs the line above)
 import notices  # noqa: E402
 
+LINK = re.compile(r"\[([^][]*)\]\(([^)#:\s]+)(?:#[^)]*)?\)")
 SBOM = "nimbra.cdx.json"
 NOTICES = "THIRD-PARTY-NOTICES.txt"
 SUMS = "SHA256SUMS"
@@ -129,6 +133,19 @@ def installed_files(arguments):
     return {pathlib.Path(line).relative_to(prefix).as_posix() for line in lines if line}
 
 
+def keep_links_inside(document, root):
+    """root: the folder of the papers, laid out like the sources."""
+
+    def replace(link):
+        target = document.parent / link[2]
+        if target.exists():
+            return link[0]
+        return f"{link[1]} (in the sources: {os.path.relpath(target, root)})"
+
+    text = document.read_text(encoding="utf-8")
+    write(document, LINK.sub(replace, text))
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--version", required=True)
@@ -155,6 +172,9 @@ def main():
             document = sbom(prefix, arguments.version, sorted(records), parts)
             texts[papers / SBOM] = json.dumps(document, indent=2, ensure_ascii=False) + "\n"
             texts[papers / NOTICES] = notices.notices(parts, arguments.version)
+        for name in files:
+            if name.endswith(".md"):
+                keep_links_inside(prefix / name, prefix / papers)
         for name, text in texts.items():
             write(prefix / name, text)
         files.update(name.as_posix() for name in texts)
