@@ -15,7 +15,7 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/lib.sh"
 readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w64-tools pkg-config
   libcli11-dev nlohmann-json3-dev libfuse3-dev fuse3 libsqlite3-dev wine64 wine python3 util-linux
   procps)
-readonly TEST_PACKAGES=(googletest clang clang-19 lld-19 llvm-19 libclang-rt-dev clang-format clang-tidy shellcheck git
+readonly TEST_PACKAGES=(googletest clang libclang-rt-dev clang-format clang-tidy shellcheck git
   clang-19 lld-19 llvm-19)
 readonly DOCS_PACKAGES=(mkdocs mkdocs-material python3)
 readonly COVERAGE_PACKAGES=(gcovr)
