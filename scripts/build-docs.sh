@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the documentation site, looks through it, and prints where it is. It works without a network
-# and without a server: open index.html. Installs what is missing (Debian 12).
+# Builds the documentation site, looks through it, and prints where it is. It works without a
+# network and without a server: open index.html. Installs what is missing (Debian 12).
 #
 #   scripts/build-docs.sh [FOLDER]
 #

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the commands that docs/start-linux.md and docs/simulator.md tell the reader to type, on what is
-# built in the work folder.
+# Runs the commands that docs/start-linux.md and docs/simulator.md tell the reader to type, on what
+# is built in the work folder.
 #
 #   scripts/check-guides.sh
 
@@ -11,19 +11,22 @@ choose_work_directory
 readonly GUIDES=(start-linux simulator)
 readonly LIMIT=300  # seconds for one guide
 
-# commands_of <guide> <folder>: a script of its commands, with the work folder in the place of build/
-# and the other in that of /tmp. What installs and builds is left out.
+# commands_of <guide> <folder>: a script of its commands, with the work folder in the place of
+# build/ and the other in that of /tmp. What installs and builds is left out.
 commands_of() {
   cat <<'SCRIPT'
 set -eux
 trap 'jobs -p | xargs -r kill 2>/dev/null || true' EXIT
+await_client() {
+  timeout 120 sh -c 'until grep -q "^mirror: ready" "$OUTPUT"; do sleep 0.1; done'
+}
 SCRIPT
   awk '
     /^```sh$/ { inside = 1; last = ""; next }
     /^```$/ && inside {
       inside = 0
       # The reader looks at another terminal here, until the client is ready.
-      if (last ~ /&$/) print "timeout 120 sh -c \"until grep -q '\''^mirror: ready'\'' \\\"$OUTPUT\\\"; do sleep 0.1; done\""
+      if (last ~ /&$/) print "await_client"
       next
     }
     inside && !/^(\.\/demo\.sh|scripts\/(setup|build)\.sh )/ { print; last = $0 }

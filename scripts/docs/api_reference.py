@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Makes the API reference out of the header's comments.
 
-    api_reference.py check   every exported function has a section of the reference, and no other has
+    api_reference.py check   every exported function has its section of the reference, and no other
 """
 
 import html
@@ -20,7 +20,9 @@ COMMENT = re.compile(
     re.S | re.M,
 )
 FUNCTION = re.compile(r"^[\w\s*]+?\b(CORVWinCF\w+)\(", re.S)
-FIELD = re.compile(r"/\*\*(?P<text>.*?)\*/|^\s*(?P<code>[\w *]+?(?P<name>\w+)(?:\[\d+\])?);", re.S | re.M)
+FIELD = re.compile(
+    r"/\*\*(?P<text>.*?)\*/|^\s*(?P<code>[\w *]+?(?P<name>\w+)(?:\[\d+\])?);", re.S | re.M
+)
 WIDTH = 68  # of a declaration that is written in one line
 NAME = re.compile(r"\bCORVWinCF\w+(?!\w)")
 
@@ -123,11 +125,17 @@ def exported_names():
 def check():
     """What is wrong, as texts."""
     documented, exported = function_names(), exported_names()
-    problems = [f"exported, not in the reference: {name}" for name in set(exported) - set(documented)]
-    problems += [f"in the reference, not exported: {name}" for name in set(documented) - set(exported)]
+    problems = [
+        f"exported, not in the reference: {name}" for name in set(exported) - set(documented)
+    ]
+    problems += [
+        f"in the reference, not exported: {name}" for name in set(documented) - set(exported)
+    ]
     if len(documented) != len(set(documented)):
         problems.append("a function is in the reference twice")
-    declared = set(re.findall(r"\b(CORVWinCF\w+)\(", re.sub(r"/\*.*?\*/", "", read_header(), flags=re.S)))
+    declared = set(
+        re.findall(r"\b(CORVWinCF\w+)\(", re.sub(r"/\*.*?\*/", "", read_header(), flags=re.S))
+    )
     problems += [f"declared without a description: {name}" for name in declared - set(documented)]
     for section in sections():
         for item in section.functions:
@@ -135,9 +143,7 @@ def check():
                 problems.append(f"no description: {item.name}")
             declared = re.findall(r"(\w+)(?:,|\)$)", re.sub(r"\s+", " ", item.code).rstrip(";"))
             names = {name for name, _ in item.parameters}
-            problems += [
-                f"{item.name} has no parameter '{name}'" for name in names - set(declared)
-            ]
+            problems += [f"{item.name} has no parameter '{name}'" for name in names - set(declared)]
     return sorted(problems)
 
 
@@ -169,7 +175,9 @@ class Writer:
 
     def _plain(self, text):
         text = re.sub(r"([\\*_\[\]#])", r"\\\1", html.escape(text, quote=False))
-        return NAME.sub(lambda match: self.link(match[0].replace("\\", "")), text.replace("\\_", "_"))
+        return NAME.sub(
+            lambda match: self.link(match[0].replace("\\", "")), text.replace("\\_", "_")
+        )
 
     def link(self, name):
         return f"[`{name}`]({self.targets[name]})" if name in self.targets else f"`{name}`"

@@ -68,7 +68,9 @@ def check_links(site, pages):
 
 def check_styles(site):
     for path in site.rglob("*.css"):
-        for found in re.findall(r"(?:url\(|@import )['\"]?(https?:[^'\")]+|//[^'\")]+)", path.read_text()):
+        for found in re.findall(
+            r"(?:url\(|@import )['\"]?(https?:[^'\")]+|//[^'\")]+)", path.read_text()
+        ):
             yield f"{path.relative_to(site)} loads {found}"
 
 

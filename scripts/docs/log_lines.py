@@ -24,7 +24,9 @@ LIBRARY = ROOT / "lib" / "cloud-filter"
 TABLE = LIBRARY / "log-lines.toml"
 PAGE = ROOT / "docs" / "log-lines.md"
 
-TOKEN = re.compile(r'//[^\n]*|/\*.*?\*/|R"\((?:.*?)\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'', re.S)
+TOKEN = re.compile(
+    r'//[^\n]*|/\*.*?\*/|R"\((?:.*?)\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'', re.S
+)
 LITERAL = re.compile(r'\s*L?(?:R"\((?P<raw>.*?)\)"|"(?P<plain>(?:\\.|[^"\\\n])*)")', re.S)
 ESCAPES = {"n": "\n", "r": "\r", "t": "\t", "\\": "\\", '"': '"', "'": "'", "0": "\0"}
 VALUE = "\0"  # stands for a value in a text
@@ -176,8 +178,12 @@ def check():
     entries, _ = read_table()
     code = collections.Counter(lines_in_code())
     table = collections.Counter(entry.line() for entry in entries)
-    problems = [f"in the code, not in the table: {shown(line)}" for line in (code - table).elements()]
-    problems += [f"in the table, not in the code: {shown(line)}" for line in (table - code).elements()]
+    problems = [
+        f"in the code, not in the table: {shown(line)}" for line in (code - table).elements()
+    ]
+    problems += [
+        f"in the table, not in the code: {shown(line)}" for line in (table - code).elements()
+    ]
     exports = api_reference.function_names()
     problems += [
         f"the line '{entry.text}' is said to come from {name}, which is no function of the header"
@@ -206,9 +212,9 @@ HEAD = """# Log lines
 
 <!-- Made by scripts/docs/log_lines.py from lib/cloud-filter/log-lines.toml: change that. -->
 
-Nimbra writes its diagnostics to the debugger output (`OutputDebugString`): one line for each failure
-of the platform, and a few notes. There is nothing to switch on. To see them on Windows, run a
-debugger, a viewer of debugger output, or `nimbractl log`; under Wine set
+Nimbra writes its diagnostics to the debugger output (`OutputDebugString`): one line for each
+failure of the platform, and a few notes. There is nothing to switch on. To see them on Windows, run
+a debugger, a viewer of debugger output, or `nimbractl log`; under Wine set
 `WINEDEBUG=-all,warn+seh`, and they appear on the standard error.
 
 Each line has the form
@@ -218,14 +224,14 @@ Each line has the form
 ```
 
 and ends with a carriage return and a line feed. *Path* names the source, without its extension.
-*Number* is fixed where this page shows one: filter by it. Elsewhere it is the line of the code, which
+*Number* is fixed where this page shows one: filter by it. Elsewhere it is the line of the code and
 changes from version to version: filter by the text there. Values stand here as `<name>`. Some texts
 have no space before their value, and two have a misspelt word: they are kept as they are, because
 programs look for them.
 
 An `<error>` is a Win32 error. An `<hresult>` is an HRESULT in decimal, so failures are negative:
-[codes](#codes) has the common ones. To convert another one by hand, add 4294967296 and write the sum
-in hexadecimal; in 0x8007nnnn, nnnn is a Win32 error.
+[codes](#codes) has the common ones. To convert another one by hand, add 4294967296 and write the
+sum in hexadecimal; in 0x8007nnnn, nnnn is a Win32 error.
 """
 
 

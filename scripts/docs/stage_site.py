@@ -3,8 +3,8 @@
 
     stage_site.py FOLDER SITE
 
-FOLDER receives pages/ and mkdocs.yml, which builds into SITE. The pages are docs/*.md, the reference
-made from the header, and whatever files of the repository these link to.
+FOLDER receives pages/ and mkdocs.yml, which builds into SITE. The pages are docs/*.md, the
+reference made from the header, and whatever files of the repository these link to.
 """
 
 import json
@@ -31,10 +31,16 @@ NAVIGATION = {
         "simulator.md", "troubleshooting.md",
     ],
     "Reference": ["log-lines.md"],
-    "Project": ["architecture.md", "reliability.md", "performance.md", "building.md", "packaging.md"],
+    "Project": [
+        "architecture.md", "reliability.md", "performance.md", "building.md", "packaging.md",
+    ],
 }  # fmt: skip
 API_GROUP = "Reference"
-TITLES = {"index.md": "Overview", HEADER_PAGE: "All functions", "source-readme.md": "README"}  # where not the page's own
+TITLES = {
+    "index.md": "Overview",
+    HEADER_PAGE: "All functions",
+    "source-readme.md": "README",
+}  # where not the page's own
 
 SETTINGS = {
     "site_name": "Nimbra",
@@ -67,8 +73,8 @@ FENCED = re.compile(r"^(`{3,}).*?^\1[^\n]*$", re.S | re.M)
 LINK = re.compile(r"(?<=\]\()([^)\s]+)(?=\))")
 TITLE = re.compile(r"^# (.+?)(?: \{.*\})?$", re.M)
 LANGUAGES = {".h": "c", ".hpp": "cpp", ".cpp": "cpp", ".c": "c", ".py": "python", ".sh": "bash",
-             ".cmake": "cmake", ".json": "json", ".manifest": "xml", ".toml": "toml", ".cs": "csharp",
-             ".rs": "rust"}  # fmt: skip
+             ".cmake": "cmake", ".json": "json", ".manifest": "xml", ".toml": "toml",
+             ".cs": "csharp", ".rs": "rust"}  # fmt: skip
 
 
 class Stage:
@@ -160,9 +166,7 @@ def with_titles(names):
 def navigation(folder):
     present = {path.name for path in folder.glob("*.md")}
     listed = {name for names in NAVIGATION.values() for name in names}
-    rest = sorted(
-        name for name in present - listed if not name.startswith(("api", "source-"))
-    )
+    rest = sorted(name for name in present - listed if not name.startswith(("api", "source-")))
     groups = []
     for title, names in NAVIGATION.items():
         pages = [name for name in names if name in present]
