@@ -36,7 +36,7 @@ class CountingHook<Result (*)(Arguments...)> {
  private:
   static Result Enter(Arguments... arguments) {
     ++allocations;
-    return original_(arguments...);
+    return original_.load()(arguments...);
   }
 
   static inline std::atomic<Result (*)(Arguments...)> original_ = nullptr;

@@ -64,8 +64,9 @@ TEST_F(Registration, DocumentedNeedsAccurateSizes) {
 }
 
 TEST_F(Registration, DocumentedValidationExcludesStreaming) {
-  policies_.Hydration.Modifier.us = CF_HYDRATION_POLICY_MODIFIER_VALIDATION_REQUIRED |
-                                    CF_HYDRATION_POLICY_MODIFIER_STREAMING_ALLOWED;
+  policies_.Hydration.Modifier.us =
+      static_cast<USHORT>(CF_HYDRATION_POLICY_MODIFIER_VALIDATION_REQUIRED |
+                          CF_HYDRATION_POLICY_MODIFIER_STREAMING_ALLOWED);
   EXPECT_EQ(Register(), kInvalidParameter);
 }
 

@@ -85,12 +85,13 @@ class CommandLine {
   template <class Options, class Run>
   std::pair<CLI::App*, std::shared_ptr<Options>> Add(CLI::App& parent, const std::string& name,
                                                      const std::string& description,
-                                                     const std::string& examples, const Run& run) {
+                                                     const std::string& examples, Run run) {
     auto* command = parent.add_subcommand(name, description);
     const auto options = std::make_shared<Options>();
     command->footer(examples)->group("Commands");
-    command->final_callback(
-        [this, options, run] { chosen_ = [options, run] { return run(*options); }; });
+    command->final_callback([this, options, run = std::move(run)] {
+      chosen_ = [options, run] { return run(*options); };
+    });
     return {command, options};
   }
 
@@ -173,7 +174,7 @@ class CommandLine {
 
   template <class Run>
   void AddSimple(const std::string& name, const std::string& description, bool recursive,
-                 const std::string& examples, const Run& run) {
+                 const std::string& examples, Run run) {
     auto [command, options] = Add<ItemOptions>(app_, name, description, examples, run);
     AddPaths(*command, *options, recursive);
   }
