@@ -4,6 +4,8 @@
 
 #include <shlobj.h>
 
+#include <utility>
+
 #include "tests/faults/scenario.h"
 #include "tests/support/snapshots.h"
 
@@ -136,6 +138,27 @@ void AddRegistryRows(std::vector<Row>& rows) {
   }
 }
 
+// Looks at the entry after the call.
+Scenario OfTheEntry(const char* name, void (*setUp)(Stage&), std::int64_t (*call)(Stage&),
+                    Outcome success, std::vector<Row> rows,
+                    std::vector<std::int64_t> otherResults) {
+  Scenario scenario;
+  scenario.exportName = name;
+  scenario.setUp = setUp;
+  scenario.call = [call](Stage& stage) {
+    const auto result = call(stage);
+    Look(stage);
+    return result;
+  };
+  scenario.tearDown = [](Stage&) { RemoveTraces(); };
+  scenario.success = std::move(success);
+  scenario.rows = std::move(rows);
+  scenario.otherResults = std::move(otherResults);
+  scenario.share = 200;
+  scenario.whyFewer = "the registry, the profile and the shell's links are the system's own";
+  return scenario;
+}
+
 Scenario Registration() {
   const Outcome done{0, {kCreated, kGenerated}, Entry(kValues, 1)};
   const Outcome noShortcut{-1, {kNotCreated}, Entry(0, 0)};
@@ -169,24 +192,8 @@ Scenario Registration() {
       {"IPersistFile::Save", noShortcut},
   };
   AddRegistryRows(rows);
-  return {"CORVWinCFSyncEngineRegister",
-          Prepare,
-          [](Stage& stage) -> std::int64_t {
-            const auto result = Register(stage);
-            Look(stage);
-            return result;
-          },
-          [](Stage&) { RemoveTraces(); },
-          done,
-          rows,
-          -1,
-          {0},
-          false,
-          {},
-          {},
-          {},
-          200,
-          "the registry, the profile and the shell's links are the system's own"};
+  return OfTheEntry("CORVWinCFSyncEngineRegister", Prepare,
+                    [](Stage& stage) -> std::int64_t { return Register(stage); }, done, rows, {0});
 }
 
 std::vector<Row> RemovalRows(const std::vector<std::string>& before, std::size_t shortcuts) {
@@ -257,46 +264,20 @@ Scenario Unregistration() {
       rows.push_back({function, missed, n, std::nullopt, true});
     }
   }
-  return {"CORVWinCFSyncEngineUnregister",
-          PrepareRegistered,
-          [](Stage& stage) -> std::int64_t {
-            const auto result = CALL(CORVWinCFSyncEngineUnregister, stage.names.at("root").c_str(),
-                                     kClsid, kFolderId, "NAS1", "home", "/");
-            Look(stage);
-            return result;
-          },
-          [](Stage&) { RemoveTraces(); },
-          done,
-          rows,
-          -1,
-          {0},
-          false,
-          {},
-          {},
-          {},
-          200,
-          "the registry, the profile and the shell's links are the system's own"};
+  return OfTheEntry("CORVWinCFSyncEngineUnregister", PrepareRegistered,
+                    [](Stage& stage) -> std::int64_t {
+                      return CALL(CORVWinCFSyncEngineUnregister, stage.names.at("root").c_str(),
+                                  kClsid, kFolderId, "NAS1", "home", "/");
+                    },
+                    done, rows, {0});
 }
 
 Scenario FolderRemoval() {
-  return {"CORVWinCFSyncEngineUnregisterSystemFolder",
-          PrepareRegistered,
-          [](Stage& stage) -> std::int64_t {
-            const auto result = CALL(CORVWinCFSyncEngineUnregisterSystemFolder, kClsid);
-            Look(stage);
-            return result;
-          },
-          [](Stage&) { RemoveTraces(); },
-          {0, {}, Entry(0, 1)},
-          RemovalRows({}, 1),
-          -1,
-          {},
-          false,
-          {},
-          {},
-          {},
-          200,
-          "the registry, the profile and the shell's links are the system's own"};
+  return OfTheEntry("CORVWinCFSyncEngineUnregisterSystemFolder", PrepareRegistered,
+                    [](Stage& stage) -> std::int64_t {
+                      return CALL(CORVWinCFSyncEngineUnregisterSystemFolder, kClsid);
+                    },
+                    {0, {}, Entry(0, 1)}, RemovalRows({}, 1), {});
 }
 
 char* guid = nullptr;
