@@ -38,8 +38,8 @@ UniqueKernelObject CreateNew(const char* name, const Create& create) {
 std::string ToUtf8(const std::string& bytes) {
   if (Utf8(Wide(bytes)) == bytes) return bytes;
   DWORD codePage = CP_ACP;
-  GetLocaleInfoEx(LOCALE_NAME_SYSTEM_DEFAULT, LOCALE_IDEFAULTANSICODEPAGE | LOCALE_RETURN_NUMBER,
-                  reinterpret_cast<wchar_t*>(&codePage), sizeof codePage / sizeof(wchar_t));
+  GetLocaleInfoW(LOCALE_SYSTEM_DEFAULT, LOCALE_IDEFAULTANSICODEPAGE | LOCALE_RETURN_NUMBER,
+                 reinterpret_cast<wchar_t*>(&codePage), sizeof codePage / sizeof(wchar_t));
   std::wstring text(bytes.size(), L'\0');
   const auto size = static_cast<int>(bytes.size());
   const auto length = MultiByteToWideChar(codePage, 0, bytes.data(), size, text.data(), size);
