@@ -111,10 +111,11 @@ LibraryLogCapture::~LibraryLogCapture() {
 }
 
 std::optional<std::int32_t> LibraryLogCapture::Result() const {
-  for (auto line = lines_.rbegin(); line != lines_.rend(); ++line) {
-    if (const auto result = ResultIn(line->message)) return result;
+  std::optional<std::int32_t> last;
+  for (const auto& line : lines_) {
+    if (const auto result = ResultIn(line.message)) last = result;
   }
-  return std::nullopt;
+  return last;
 }
 
 void LibraryLogCapture::Add(std::string_view text) {
