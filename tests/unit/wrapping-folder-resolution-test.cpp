@@ -66,6 +66,7 @@ class ShortcutResolutionTest : public WrappingFolderFixture {
 
   EventSequence events_{log_};
   FakeShellLink link_{events_};
+  std::string longForm_ = kRoot;
   // What asking for a long form gives instead of the root's, when set.
   std::optional<DWORD> longResult_;
   LongPathDouble longPath_{[this](auto, LPCWSTR path, LPWSTR longForm, DWORD size) -> DWORD {
@@ -74,8 +75,9 @@ class ShortcutResolutionTest : public WrappingFolderFixture {
       SetLastError(ERROR_FILE_NOT_FOUND);
       return longResult_.value_or(0);
     }
-    lstrcpynW(longForm, Wide(kRoot).c_str(), static_cast<int>(size));
-    return sizeof kRoot - 1;
+    const std::wstring text = Wide(longForm_);
+    lstrcpynW(longForm, text.c_str(), static_cast<int>(size));
+    return static_cast<DWORD>(text.size());
   }};
 };
 
@@ -90,6 +92,19 @@ TEST_F(ShortcutResolutionTest, TakesTheStepsInTheirOrder) {
                           std::string("log: Result: ") + kRoot));
   EXPECT_EQ(link_.References(), 0);
   EXPECT_THAT(FolderContent(), IsEmpty()) << "and it is the one that is deleted";
+}
+
+TEST_F(ShortcutResolutionTest, NamesOfAnyAlphabetStandWholeInTheLines) {
+  longForm_ = "C:\\Users\\J\u00F6rg\\\u96F2 \U0001F4C1";
+  Add("\u96F2.lnk", kShortRoot);
+  EXPECT_TRUE(Composer().RemoveShortcut(longForm_));
+  // The first that leads there is deleted, and the loop ends with it.
+  EXPECT_EQ(StepsFor("a.lnk").back(), "log: Result: " + longForm_);
+  EXPECT_TRUE(Composer().RemoveShortcut(longForm_));
+  const auto steps = StepsFor("\u96F2.lnk");
+  EXPECT_THAT(steps, testing::Contains("log: Resolving shortcut: " + ShortcutPath("\u96F2.lnk")));
+  EXPECT_EQ(steps.back(), "log: Result: " + longForm_);
+  EXPECT_THAT(FolderContent(), IsEmpty());
 }
 
 TEST_F(ShortcutResolutionTest, TheFoldersOwnEntriesAreTriedAndLeadNowhere) {
