@@ -31,7 +31,7 @@ SCRIPT
     }
     inside && !/^(\.\/demo\.sh|scripts\/(setup|build)\.sh )/ { print; last = $0 }
   ' "$NIMBRA_SOURCE/docs/$1.md" |
-    sed -e 's#/tmp/#@folder@/#g' -e 's#\bbuild/#@work@/#g' \
+    sed -e 's#/tmp/#@folder@/#g' -e 's#\bbuild/#@work@/#g' -e 's#mktemp -d#& -p @folder@#' \
       -e "s#Z:\\\\tmp\\\\#Z:${2//\//\\\\}\\\\#g" -e "s#@folder@#$2#g" -e "s#@work@#$NIMBRA_WORK#g"
 }
 
@@ -43,7 +43,7 @@ check_guide() {
   (($(wc -l <"$folder/commands.sh") > 10)) || die "docs/$guide.md has no commands."
   cd -- "$NIMBRA_SOURCE"
   # shellcheck disable=SC2094  # The commands look for a line of their own output.
-  OUTPUT="$folder/output" TMPDIR="$folder/tmp" timeout --kill-after=20 "$LIMIT" \
+  OUTPUT="$folder/output" timeout --kill-after=20 "$LIMIT" \
     bash "$folder/commands.sh" >"$folder/output" 2>&1 </dev/null || status=$?
   cat -- "$folder/output"
   rm -rf --one-file-system -- "$folder"
