@@ -1,5 +1,5 @@
-# The package for developers: `cmake --install` makes its folder, `cpack` the zip. What is in it, and
-# why, is in docs/packaging.md.
+# The package for developers: `cmake --install` makes its folder, `cpack` the zip. What is in it is
+# in docs/packaging.md.
 
 include(CMakePackageConfigHelpers)
 
@@ -32,7 +32,7 @@ if(MINGW)
     add_custom_target(nimbra_msvc_import_library ALL DEPENDS "${library}")
     install(FILES "${library}" DESTINATION lib)
   else()
-    install(CODE "message(FATAL_ERROR \"llvm-dlltool, which makes lib/Nimbra.lib, is not installed: \
+    install(CODE "message(FATAL_ERROR \"llvm-dlltool, which makes lib/Nimbra.lib, is missing: \
 install Debian's llvm-19 and configure again\")")
   endif()
 endif()
@@ -72,11 +72,12 @@ install(FILES README.md "${packaging}/LICENCE-STATUS.txt" DESTINATION "${papers}
 install(DIRECTORY docs DESTINATION "${papers}"
   FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")
 install(DIRECTORY examples DESTINATION "${papers}"
-  FILES_MATCHING PATTERN "*.c" PATTERN "*.h" PATTERN "*.cpp")
+  PATTERN CMakeLists.txt EXCLUDE
+  PATTERN __pycache__ EXCLUDE)
 configure_file("${packaging}/examples/CMakeLists.txt.in" "${generated}/CMakeLists.txt" @ONLY)
 install(FILES "${generated}/CMakeLists.txt" DESTINATION "${papers}/examples")
 
-# Last, as they are about what was installed: the SBOM, the licences of what is linked in, checksums.
+# Last, as it is about what was installed: the SBOM, licences of what is linked in, checksums.
 
 find_program(NIMBRA_PYTHON NAMES python3 python NO_CMAKE_FIND_ROOT_PATH)
 find_program(NIMBRA_DPKG_QUERY dpkg-query NO_CMAKE_FIND_ROOT_PATH)
@@ -94,8 +95,8 @@ if(NIMBRA_LINK_RECORDS AND NIMBRA_DPKG_QUERY)
       --header "bin/nimbractl.exe=${NIMBRA_json_FOLDER}/nlohmann/json.hpp")
   endif()
 else()
-  install(CODE "message(WARNING \"No SBOM and no third-party notices: they are made of builds with \
-MinGW's gcc on Debian only\")")
+  install(CODE "message(WARNING \"No SBOM and no third-party notices: they are made of builds \
+with MinGW's gcc on Debian only\")")
 endif()
 if(NIMBRA_PYTHON)
   list(JOIN arguments "\" \"" arguments)

@@ -11,9 +11,9 @@ SHA256SUMS               the checksums of all files, for `sha256sum --check`
 
 In the documents, links to what only the sources have become plain text.
 
-LIST has the paths of the installed files, one a line. MAP is the linker's record of the making of bin/FILE; HEADER is of a library of headers only, compiled
-into bin/FILE. Without any MAP, only SHA256SUMS is written. Nothing in these files depends on the time
-or on where the build was.
+LIST has the paths of the installed files, one a line. MAP is the linker's record of the making of
+bin/FILE; HEADER is of a library of headers only, compiled into bin/FILE. Without any MAP, only
+SHA256SUMS is written. Nothing in these files depends on the time or on where the build was.
 """
 
 import argparse

@@ -1,6 +1,6 @@
-"""What of other projects is in a Windows file: read from the linker's record of its making (GNU ld's
-map), and from the Debian packages that the archives named there come from. Libraries that are headers
-only leave no trace there and have to be named."""
+"""What of other projects is in a Windows file: read from the linker's record of its making (GNU
+ld's map), and from the Debian packages that the archives named there come from. Libraries that are
+headers only leave no trace there and have to be named."""
 
 import collections
 import dataclasses
@@ -64,8 +64,8 @@ def name_of_part(file_name, package):
     if package.name in PARTS_BY_PACKAGE:
         return PARTS_BY_PACKAGE[package.name]
     raise UnknownOrigin(
-        f"{file_name} of the package {package.name} is linked in, and packaging/linked_parts.py does "
-        "not know under what licence: add it there and in notices.py"
+        f"{file_name} of the package {package.name} is linked in, and packaging/linked_parts.py "
+        "does not know under what licence: add it there and in notices.py"
     )
 
 

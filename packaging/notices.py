@@ -21,8 +21,8 @@ DESCRIPTIONS = {
     "nlohmann-json": "JSON for C++",
     "winpthreads": "threads, mutexes and condition variables on those of Windows",
 }
-# The files in a copyright file whose code can be in a part. Code for profilers has a licence of its own,
-# but is only linked in for them.
+# The files in a copyright file whose code can be in a part. Code for profilers has a licence of its
+# own, but is only linked in for them.
 LINKED_FILES = {
     "CLI11": r"\*$",
     "mingw-w64-crt": r"\*$|mingw-w64-crt/(?!profile/|testcases/)",
@@ -32,10 +32,10 @@ LINKED_FILES = {
 HEAD = """\
 THIRD-PARTY NOTICES
 
-What is in the files of Nimbra {version} for Windows besides its own code. Most of it is part of the
-compiler's runtime; each DLL or program that this compiler builds has such parts. The list is made
-from the linker's own record, the texts are those of the Debian packages that were used. Of a library
-of which a part is linked in, the licences of the whole are given.
+What is in the files of Nimbra {version} for Windows besides its own code. Most of it is part of
+the compiler's runtime; each DLL or program that this compiler builds has such parts. The list is
+made from the linker's own record, the texts are those of the Debian packages that were used. Of a
+library of which a part is linked in, the licences of the whole are given.
 
 Nimbra itself has no licence yet: see LICENCE-STATUS.txt.
 
@@ -60,9 +60,11 @@ def gcc_text(part):
     pieces = [
         between(text, "GCC is Copyright", " - libvtv", origin),
         "The complete text of the GNU General Public License, version 3, is at\n"
-        "https://www.gnu.org/licenses/gpl-3.0.txt. The exception permits to pass on what GCC compiled\n"
-        "and linked with these libraries under terms of one's own:",
-        between(text, "GCC RUNTIME LIBRARY EXCEPTION", "requirements of the license of GCC", origin),
+        "https://www.gnu.org/licenses/gpl-3.0.txt. The exception permits to pass on what GCC\n"
+        "compiled and linked with these libraries under terms of one's own:",
+        between(
+            text, "GCC RUNTIME LIBRARY EXCEPTION", "requirements of the license of GCC", origin
+        ),
     ]
     if part.name == "libstdc++":
         header = part.folder / "include" / "c++" / "bits" / "stl_vector.h"
@@ -80,7 +82,7 @@ def stanzas(path):
 
 
 def debian_licences(part):
-    """Gives {licence: [copyright, ...]} and {licence: text} of the files that can be in the part."""
+    """Gives {licence: [copyright, ...]} and {licence: text} of what can be in the part."""
     holders, texts = {}, {}
     for stanza in stanzas(part.package.copyright_file):
         name, _, text = stanza.get("License", "").strip(" ").partition("\n")
@@ -95,7 +97,9 @@ def debian_licences(part):
                 holders.setdefault(single, []).extend(line for line in own if line)
     missing = [name for name in holders if name not in texts]
     if missing or not holders:
-        raise MissingText(f"{part.package.copyright_file}: no text of {', '.join(missing) or 'any'}")
+        raise MissingText(
+            f"{part.package.copyright_file}: no text of {', '.join(missing) or 'any'}"
+        )
     return holders, texts
 
 

@@ -79,7 +79,9 @@ def installed():
 
 
 def files_of(folder):
-    return sorted(path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file())
+    return sorted(
+        path.relative_to(folder).as_posix() for path in folder.rglob("*") if path.is_file()
+    )
 
 
 def definitions():

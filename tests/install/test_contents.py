@@ -22,6 +22,7 @@ EXPECTED = {
     "docs/client-guide.md",
     "docs/packaging.md",
     "examples/CMakeLists.txt",
+    "examples/minimal/minimal.c",
     "examples/mirror/mirror.cpp",
     "examples/readme-example.c",
     "include/nimbra/nimbra.h",
@@ -142,7 +143,9 @@ class Papers(unittest.TestCase):
     def test_the_sbom_is_of_the_form_that_cyclonedx_asks_for(self):
         self.assertEqual(self.sbom["bomFormat"], "CycloneDX")
         self.assertEqual(self.sbom["specVersion"], "1.5")
-        self.assertRegex(self.sbom["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$")
+        self.assertRegex(
+            self.sbom["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$"
+        )
         self.assertEqual(len(self.components), len(self.sbom["components"]))
         for component in self.sbom["components"]:
             self.assertIn(component["type"], ("file", "library"))

@@ -1,4 +1,4 @@
-"""The definitions for package managers, held against what these document and against the package."""
+"""The definitions for package managers, held against what these document and the package."""
 
 import json
 import pathlib
@@ -62,13 +62,15 @@ include("{portfile}")
 
 class Vcpkg(unittest.TestCase):
     def run_portfile(self):
-        """Gives what the port handed to vcpkg's functions, and the folder that it installed into."""
+        """Gives what the port handed to vcpkg's functions, and the folder it installed into."""
         folder = package.new_folder()
         script = folder / "run.cmake"
         text = STAND_INS.format(packages=folder / "packages", portfile=PORT / "portfile.cmake")
         script.write_text(text, encoding="utf-8")
         output = package.run("cmake", "-P", script)
-        said = dict(line.removeprefix("-- ").split("=", 1) for line in output.splitlines() if "=" in line)
+        said = dict(
+            line.removeprefix("-- ").split("=", 1) for line in output.splitlines() if "=" in line
+        )
         return said, folder / "packages"
 
     def test_the_manifest_has_what_vcpkg_asks_for(self):

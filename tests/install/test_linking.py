@@ -13,7 +13,13 @@ CONSUMER = package.HERE / "consumer"
 MINGW_TOOLCHAIN = f"-DCMAKE_TOOLCHAIN_FILE={CONSUMER}/mingw.cmake"
 MSVC_TOOLCHAIN = f"-DCMAKE_TOOLCHAIN_FILE={CONSUMER}/clang-msvc.cmake"
 CLANG = ("clang-19", "--target=x86_64-pc-windows-msvc")
-ANSWERS = re.compile(r"(gate \w+)\n((?:no )?platform info)\n\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}\n")
+ANSWERS = re.compile(
+    r"(gate \w+)\n((?:no )?platform info)\n" r"\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\}\n"
+)
+VCPKG_REPLACES = re.compile(
+    r'(get_filename_component\(PACKAGE_PREFIX_DIR "\$\{CMAKE_CURRENT_LIST_DIR\}/)(\.\./?)*'
+    r'(" ABSOLUTE\))'
+)
 
 
 @functools.cache
@@ -148,11 +154,7 @@ class CMake(LinkingCase):
         for file in (prefix / "lib" / "cmake" / "Nimbra").iterdir():
             text = file.read_text(encoding="utf-8")
             # As vcpkg_cmake_config_fixup does.
-            text = re.sub(
-                r'get_filename_component\(PACKAGE_PREFIX_DIR "\$\{CMAKE_CURRENT_LIST_DIR\}/(\.\./?)*" ABSOLUTE\)',
-                'get_filename_component(PACKAGE_PREFIX_DIR "${CMAKE_CURRENT_LIST_DIR}/../../" ABSOLUTE)',
-                text,
-            )
+            text = VCPKG_REPLACES.sub(r"\1../../\3", text)
             (prefix / "share" / "nimbra" / file.name).write_text(text, encoding="utf-8")
         shutil.rmtree(prefix / "lib" / "cmake")
         result, _ = self.configure(prefix, MINGW_TOOLCHAIN)
@@ -167,5 +169,5 @@ class CMake(LinkingCase):
         package.run("cmake", "--build", build)
         usage = package.run_in_windows(build / "bin" / "mirror.exe", "--help")
         self.assertIn("mirror", usage)
-        names = {path.stem for path in source.glob("*.c")} | {"mirror"}
+        names = {path.stem for path in source.rglob("*.c")} | {"mirror"}
         self.assertEqual({path.stem for path in (build / "bin").glob("*.exe")}, names)
