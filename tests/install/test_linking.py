@@ -103,6 +103,15 @@ class MSVC(LinkingCase):
         package.run(*CLANG, *options, include, "-fsyntax-only", source)
 
 
+class Programs(unittest.TestCase):
+    def test_those_of_the_package_run_where_they_are(self):
+        programs = sorted((package.installed() / "bin").glob("*.exe"))
+        self.assertIn("mirror.exe", [program.name for program in programs])
+        for program in programs:
+            with self.subTest(program.name):
+                self.assertIn(program.stem, package.run_in_windows(program, "--help"))
+
+
 class CMake(LinkingCase):
     def configure(self, prefix, *options, wanted=None):
         """Gives the result, and the folder of the build."""
