@@ -56,7 +56,7 @@ void ProgressBar::Draw() {
   if (!current_.empty()) bytes += std::min(currentSize_, BytesOnDisk(current_).value_or(0));
   const double part =
       totalBytes_ == 0 ? 1 : static_cast<double>(bytes) / static_cast<double>(totalBytes_);
-  constexpr std::size_t kCells = 30;
+  constexpr std::size_t kCells = 20;
   const auto filled = std::min(kCells, static_cast<std::size_t>(part * kCells));
   char percent[16];
   std::snprintf(percent, sizeof percent, "] %3d %%  ", static_cast<int>(part * 100));
