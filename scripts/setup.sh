@@ -16,6 +16,7 @@ readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w
   libcli11-dev nlohmann-json3-dev libfuse3-dev fuse3 libsqlite3-dev wine64 wine python3 util-linux
   procps)
 readonly TEST_PACKAGES=(googletest clang libclang-rt-dev clang-format clang-tidy shellcheck git
+  rustc libstd-rust-dev-windows mono-mcs
   clang-19 lld-19 llvm-19 nuget)
 readonly DOCS_PACKAGES=(mkdocs mkdocs-material python3)
 readonly COVERAGE_PACKAGES=(gcovr)

@@ -13,9 +13,12 @@ namespace cpp_layer_test {
 
 inline constexpr char kGuid[] = "{00000000-0000-0000-0000-00000000000A}";
 
+// What the program does about a mistake: it defines this.
+void Complain(const std::string& what);
+
 // Stands in for the library: the test program defines its functions itself, and the object made
 // last records their calls and answers them. Everything succeeds unless told otherwise. A handle
-// that is given back twice, was never given out or is still there at the end fails the test.
+// that is given back twice, was never given out or is still there at the end is complained of.
 //
 // A call is written down as the function's name without "CORVWinCF" and its arguments: handles and
 // other addresses as numbers, texts in quotes, null as such.
@@ -38,6 +41,8 @@ class RecordingNimbra {
   void Play(const std::string& event, CORVWinCFCallbackRecord record = {}) const;
   // The data of the last transfer.
   [[nodiscard]] const void* LastBuffer() const { return buffer_; }
+  // The data of all transfers, in their order.
+  [[nodiscard]] const std::string& Data() const { return data_; }
   // The thumbnail retriever that was set last.
   [[nodiscard]] CORVWinCFThumbRetriever Retriever() const { return retriever_; }
 
@@ -50,6 +55,7 @@ class RecordingNimbra {
   std::map<std::string, CORVWinCFCallback> callbacks_;
   void* context_ = nullptr;
   const void* buffer_ = nullptr;
+  std::string data_;
   CORVWinCFThumbRetriever retriever_ = nullptr;
   std::uintptr_t lastHandle_ = 0;
   std::set<std::uintptr_t> handles_;

@@ -2,6 +2,7 @@
 
 import os
 import subprocess
+import unittest
 
 from harness.case import EndToEndCase
 from harness.content import write_content
@@ -148,6 +149,16 @@ class Minimal(FileServer, ExampleCase):
         self.assertEqual(again.stdout.readline().split()[0], b"serving")
         self.assertEqual(shown.read_bytes(), source.read_bytes())
         self.press_enter(again)
+
+
+class RustExample(FileServer, ExampleCase):
+    program = "rust-example.exe"
+
+    @classmethod
+    def setUpClass(cls):
+        if cls.program not in {path.name for path in SETTINGS.files}:
+            raise unittest.SkipTest("there was no Rust compiler for Windows: see scripts/setup.sh")
+        super().setUpClass()
 
 
 class MinimalOnAnOldWindows(ExampleCase):
