@@ -7,6 +7,8 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "basics.h"
@@ -73,6 +75,15 @@ std::string ReadManifest(const std::wstring& program) {
   const HGLOBAL loaded = LoadResource(module.get(), found);
   const auto* const text = static_cast<const char*>(LockResource(loaded));
   return {text, text == nullptr ? 0 : SizeofResource(module.get(), found)};
+}
+
+std::string WithoutComments(std::string xml) {
+  constexpr std::string_view kStart = "<!--", kEnd = "-->";
+  for (auto at = xml.find(kStart); at != std::string::npos; at = xml.find(kStart, at)) {
+    const auto end = xml.find(kEnd, at + kStart.size());
+    xml.erase(at, end == std::string::npos ? end : end + kEnd.size() - at);
+  }
+  return xml;
 }
 
 }  // namespace
@@ -179,11 +190,10 @@ void RequirePlatform() {
 std::optional<bool> ManifestListsWindows10(const std::string& program) {
   const auto path = AbsolutePath(program);
   static_cast<void>(FindItem(path));
-  auto text = ReadManifest(path);
+  const auto text = WithoutComments(ReadManifest(path));
   if (text.empty()) return std::nullopt;
-  text = std::regex_replace(text, std::regex("<!--[^]*?-->"), "");
-  const std::regex entry(
-      R"(<\s*([\w]+:)?supportedOS\s[^>]*\{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a\})",
+  static const std::regex entry(
+      R"(<\s*(\w+:)?supportedOS\s[^>]*\{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a\})",
       std::regex::icase);
   return std::regex_search(text, entry);
 }

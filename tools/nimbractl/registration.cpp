@@ -44,10 +44,8 @@ std::optional<std::uint64_t> SessionOf(const std::string& identity) {
   return read.ec == std::errc() && read.ptr == end ? std::optional(session) : std::nullopt;
 }
 
-std::wstring ParentOf(const std::wstring& path) {
-  const auto separator = path.rfind(L'\\');
-  return separator == std::wstring::npos ? path : path.substr(0, separator);
-}
+// With its backslash: "C:" would be that drive's current folder.
+std::wstring ParentOf(const std::wstring& path) { return path.substr(0, path.rfind(L'\\') + 1); }
 
 // The session number of the sync root whose folder this is; throws a Failure for any other path.
 std::uint64_t RequireSyncRoot(const Item& folder) {
