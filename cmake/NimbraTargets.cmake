@@ -81,6 +81,8 @@ endfunction()
 function(nimbra_target_protections target)
   target_link_options(${target} PRIVATE -Wl,--high-entropy-va,--dynamicbase,--nxcompat)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # GNU ld would derive the address from the path of its output.
+    target_link_options(${target} PRIVATE -Wl,--disable-auto-image-base)
     return()
   endif()
   target_compile_options(${target} PRIVATE -mguard=cf)
@@ -102,9 +104,10 @@ function(nimbra_target_symbols target)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR folder MATCHES "^tests")
     return()
   endif()
-  target_compile_options(${target} PRIVATE -g -gcodeview -gno-codeview-command-line)
-  # The image names the file without its folder, and the file the sources as the compiler saw them:
-  # a build in another folder is the same.
+  # The image names the file without its folder, and the file names no folder of this build: a build
+  # in another one is the same.
+  target_compile_options(${target} PRIVATE -g -gcodeview -gno-codeview-command-line
+    "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build")
   target_link_options(${target} PRIVATE
     -Wl,--pdb= "-Wl,--Xlink=-pdbaltpath:%_PDB%" -Wl,--Xlink=-pdbsourcepath:.)
 endfunction()

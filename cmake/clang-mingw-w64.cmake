@@ -1,5 +1,7 @@
 # Cross-compiles for 64-bit Windows with clang and lld 19, on the headers, the C runtime and the
-# libstdc++ of Debian's g++-mingw-w64-x86-64-posix.
+# libstdc++ of Debian's g++-mingw-w64-x86-64-posix. Thread-local variables are the system's own here,
+# while that libstdc++ keeps its few in a table of GCC's: what refers to these (std::call_once,
+# std::promise and what is made of it) does not link.
 
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
@@ -14,8 +16,6 @@ set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 set(CMAKE_AR llvm-ar-19)
 set(CMAKE_RANLIB llvm-ranlib-19)
 
-# GCC's runtime keeps thread-local variables in its own table, also those that its headers refer to.
-set(CMAKE_CXX_FLAGS_INIT -femulated-tls)
 # libstdc++'s threads are those of winpthreads.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld-19 -pthread")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-fuse-ld=lld-19 -pthread")
