@@ -210,7 +210,8 @@ class OutOfMemoryTest : public nimbra_test::DispatchFixture,
 TEST_P(OutOfMemoryTest, ATranslatorThatRunsOutOfMemoryDropsTheEventWithOneLine) {
   CallbackEvent event = Event(GetParam().type);
   event.flags = 6;
-  event.normalizedPath = L"\\" + std::wstring(500, L'p');
+  // Too long to do without the heap.
+  event.normalizedPath = L"\\" + std::wstring(1000, L'p');
   event.imagePath = std::wstring(500, L'i');
   Play(event);
   const int refused =
@@ -233,6 +234,7 @@ TEST_P(OutOfMemoryTest, ATranslatorLeftWithoutAnyMemoryStillFailsAFetch) {
   CallbackEvent event = Event(GetParam().type);
   event.requiredOffset = 8192;
   event.requiredLength = 4096;
+  event.normalizedPath = L"\\" + std::wstring(1000, L'p');
   Play(event);
   const int refused = nimbra_test::ForEachFailingAllocation(
       [&](auto&& watched, const bool& failed) {

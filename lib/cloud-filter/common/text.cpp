@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -47,6 +48,21 @@ std::string WideToUtf8(const wchar_t* text) {
   return ConvertInTwoPasses<char>([text](char* buffer, int size) {
     return WideCharToMultiByte(CP_UTF8, 0, text, -1, buffer, size, nullptr, nullptr);
   });
+}
+
+WideText::WideText(std::string_view text) noexcept {
+  if (text.empty() || text.size() > std::numeric_limits<int>::max()) {
+    return;
+  }
+  // No text has more UTF-16 units than UTF-8 bytes, so there is no need to ask for the length.
+  wchar_t* const buffer = buffer_.Reserve(text.size() + 1);
+  const int size = static_cast<int>(text.size());
+  const int written =
+      buffer == nullptr ? 0 : MultiByteToWideChar(CP_UTF8, 0, text.data(), size, buffer, size);
+  if (written > 0) {
+    buffer[written] = L'\0';
+    text_ = buffer;
+  }
 }
 
 }  // namespace corvdrive::cloud_filter

@@ -2,6 +2,9 @@
 #define NIMBRA_COMMON_TEXT_H_
 
 #include <string>
+#include <string_view>
+
+#include "common/small-buffer.h"
 
 namespace corvdrive::cloud_filter {
 
@@ -19,6 +22,25 @@ namespace corvdrive::cloud_filter {
 [[nodiscard]] inline std::string WideToUtf8(const std::wstring& text) {
   return WideToUtf8(text.c_str());
 }
+
+// The UTF-16 form of a text for one call of the system: what Utf8ToWide gives for it, without the
+// heap for the usual lengths.
+class WideText {
+ public:
+  explicit WideText(std::string_view text) noexcept;
+  WideText(const WideText&) = delete;
+  WideText& operator=(const WideText&) = delete;
+
+  // NUL-terminated.
+  [[nodiscard]] const wchar_t* Get() const noexcept { return text_; }
+
+ private:
+  // Long enough for every path but those with a prefix that lifts Windows' usual limit.
+  static constexpr std::size_t kUsualSize = 512;
+
+  SmallBuffer<wchar_t, kUsualSize> buffer_;
+  const wchar_t* text_ = L"";
+};
 
 }  // namespace corvdrive::cloud_filter
 

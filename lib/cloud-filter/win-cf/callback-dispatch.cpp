@@ -1,6 +1,5 @@
 #include "win-cf/callback-dispatch.h"
 
-#include <exception>
 #include <memory>
 #include <vector>
 
@@ -30,6 +29,7 @@ void FailFetch(const CF_CALLBACK_INFO& info, const CF_CALLBACK_PARAMETERS& param
 
 // The record could not be built. Logging may itself run out of memory; nothing may leave here.
 void ReportUnbuilt(const char* why) noexcept {
+  PrepareExceptionState();
   try {
     Log(kSource, __LINE__, "Failed to build the callback record: ", why);
   } catch (...) {
@@ -45,19 +45,16 @@ void CALLBACK Translate(const CF_CALLBACK_INFO* info, const CF_CALLBACK_PARAMETE
   }
   const DelegatorReference& delegator =
       *static_cast<const DelegatorReference*>(info->CallbackContext);
-  std::unique_ptr<CallbackRecord> record;
-  PrepareExceptionState();
-  try {
-    record = std::make_unique<CallbackRecord>(Kind, *info, parameters, delegator->Context());
-  } catch (const std::exception& failure) {
-    ReportUnbuilt(failure.what());
+  const CallbackRecord record(Kind, *info, parameters, delegator->Context());
+  if (record.Failure() != nullptr) {
+    ReportUnbuilt(record.Failure());
     if constexpr (Kind == kFetchData) {
       FailFetch(*info, *parameters);
     }
     return;
   }
   if (const CORVWinCFCallback callback = delegator->FindCallback(Kind)) {
-    callback(record->Get());
+    callback(record.Get());
   }
 }
 
