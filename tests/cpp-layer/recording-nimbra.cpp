@@ -73,7 +73,9 @@ struct Functions {
   template <typename Handle>
   static void Release(const std::string& name, Handle handle) {
     Do(name, handle);
-    Forget(name, reinterpret_cast<std::uintptr_t>(handle));
+    if (handle != nullptr) {
+      Forget(name, reinterpret_cast<std::uintptr_t>(handle));
+    }
   }
 
   static CORVWinCFStatus FillIdentity(CORVWinCFStatus result, void* buffer) {

@@ -123,9 +123,11 @@ namespace NimbraBinding
             IntPtr item;
             IntPtr meta = Native.CORVWinCFPlaceholderMetaNew(changed, changed, changed, changed,
                 size, 0);
-            Require(Native.CORVWinCFPlaceholderNew(out item, folder + "/" + source.Name),
-                "no memory");
-            int status = Native.CORVWinCFPlaceholderCreate(item, source.Name, meta);
+            int status = Native.CORVWinCFPlaceholderNew(out item, folder + "/" + source.Name);
+            if (status == 0)
+            {
+                status = Native.CORVWinCFPlaceholderCreate(item, source.Name, meta);
+            }
             Native.CORVWinCFPlaceholderRelease(item);
             Native.CORVWinCFPlaceholderMetaRelease(meta);
             Require(status, "no placeholder: is there a file " + source.Name + " already?");

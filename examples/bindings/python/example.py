@@ -85,10 +85,14 @@ class Client:
         )
 
     def run(self):
-        library, folder = self.library, self.folder.encode()
-        status = library.CORVWinCFSyncRootNew(ctypes.byref(self.root), folder, 1)
-        require(status, "no sync root")
+        library = self.library
         try:
+            status = library.CORVWinCFSyncRootNew(
+                ctypes.byref(self.root), self.folder.encode(), 1
+            )
+            require(status, "no sync root")
+            status = library.CORVWinCFCallbackDelegatorNew(ctypes.byref(self.delegator), None)
+            require(status, "no delegator")
             require(library.CORVWinCFSyncRootRegister(self.root, b"Python"), "not registered")
             try:
                 self._serve()
@@ -96,24 +100,20 @@ class Client:
                 # A real client does this only when its user gives the folder up.
                 require(library.CORVWinCFSyncRootUnregister(self.root), "not unregistered")
         finally:
+            library.CORVWinCFCallbackDelegatorRelease(self.delegator)
             library.CORVWinCFSyncRootRelease(ctypes.byref(self.root))
 
     def _serve(self):
         library, delegator = self.library, self.delegator
-        status = library.CORVWinCFCallbackDelegatorNew(ctypes.byref(delegator), None)
-        require(status, "no delegator")
+        library.CORVWinCFCallbackDelegatorSetFetchCallback(delegator, self.on_fetch)
+        library.CORVWinCFCallbackDelegatorSetRenameCallback(delegator, self.on_rename)
+        library.CORVWinCFCallbackDelegatorSetDeleteCallback(delegator, self.on_delete)
+        require(library.CORVWinCFSyncRootConnect(self.root, delegator), "not connected")
         try:
-            library.CORVWinCFCallbackDelegatorSetFetchCallback(delegator, self.on_fetch)
-            library.CORVWinCFCallbackDelegatorSetRenameCallback(delegator, self.on_rename)
-            library.CORVWinCFCallbackDelegatorSetDeleteCallback(delegator, self.on_delete)
-            require(library.CORVWinCFSyncRootConnect(self.root, delegator), "not connected")
-            try:
-                self._create_placeholder()
-                input(f"serving {self.folder}, press Enter to stop\n")
-            finally:
-                library.CORVWinCFSyncRootDisconnect(self.root)
+            self._create_placeholder()
+            input(f"serving {self.folder}, press Enter to stop\n")
         finally:
-            library.CORVWinCFCallbackDelegatorRelease(delegator)
+            library.CORVWinCFSyncRootDisconnect(self.root)
 
     def _create_placeholder(self):
         """Its name is what follows the last "/" of its path."""
