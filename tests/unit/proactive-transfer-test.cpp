@@ -397,7 +397,11 @@ TEST_F(ProactiveTransferTest, SendsItsChunksThroughTheVirtualOperation) {
 }
 
 TEST_F(ProactiveTransferTest, AnAllocationThatFailsReleasesKeyAndFile) {
-  const std::string path = LocalFile(10);
+  // The way to the file is too long to do without the heap.
+  std::string path = LocalFile(10);
+  while (path.size() < 1000) {
+    path.insert(path.find_last_of("/\\"), "\\.");
+  }
   const int refused =
       nimbra_test::ForEachFailingAllocation([&](auto&& watched, const bool& failed) {
         cloud_.Clear();

@@ -1,6 +1,5 @@
 #include "win-cf/pending-requests.h"
 
-#include <algorithm>
 #include <atomic>
 
 namespace corvdrive::cloud_filter {
@@ -12,6 +11,10 @@ bool IsComplete(OVERLAPPED& record) {
          static_cast<ULONG_PTR>(STATUS_PENDING);
 }
 
+// More than one, so that the completed ones become fewer, and not all, so that a request costs the
+// same however many are on their way.
+constexpr int kLookedThrough = 4;
+
 }  // namespace
 
 PendingRequests& PendingRequests::Instance() {
@@ -19,30 +22,40 @@ PendingRequests& PendingRequests::Instance() {
   return instance;
 }
 
-OVERLAPPED* PendingRequests::Add() {
+PendingRequests::Request PendingRequests::Add() {
   const std::lock_guard lock(mutex_);
-  entries_.remove_if([](Entry& entry) { return entry.pending && IsComplete(entry.record); });
-  return &entries_.emplace_back().record;
+  FreeSomeCompleted();
+  return entries_.emplace(entries_.end());
 }
 
-void PendingRequests::LeavePending(const OVERLAPPED* record) {
-  const std::lock_guard lock(mutex_);
-  const auto found = std::find_if(entries_.begin(), entries_.end(),
-                                  [record](const Entry& entry) { return &entry.record == record; });
-  found->pending = true;
-}
-
-void PendingRequests::Settle(OVERLAPPED* record) {
-  if (IsComplete(*record)) {
-    Remove(record);
-  } else {
-    LeavePending(record);
+void PendingRequests::FreeSomeCompleted() {
+  for (int i = 0; i < kLookedThrough && !entries_.empty(); ++i) {
+    const auto oldest = entries_.begin();
+    if (oldest->pending && IsComplete(oldest->record)) {
+      entries_.erase(oldest);
+    } else {
+      // Its turn comes again after the others'.
+      entries_.splice(entries_.end(), entries_, oldest);
+    }
   }
 }
 
-void PendingRequests::Remove(const OVERLAPPED* record) {
+void PendingRequests::LeavePending(Request request) {
   const std::lock_guard lock(mutex_);
-  entries_.remove_if([record](const Entry& entry) { return &entry.record == record; });
+  request->pending = true;
+}
+
+void PendingRequests::Settle(Request request) {
+  if (IsComplete(request->record)) {
+    Remove(request);
+  } else {
+    LeavePending(request);
+  }
+}
+
+void PendingRequests::Remove(Request request) {
+  const std::lock_guard lock(mutex_);
+  entries_.erase(request);
 }
 
 }  // namespace corvdrive::cloud_filter

@@ -13,24 +13,30 @@ namespace corvdrive::cloud_filter {
 // then, so a record belongs to the process and goes only once its request is seen to be complete.
 class PendingRequests {
  public:
-  // The process's own; it is never destroyed, as requests may complete during shutdown.
-  static PendingRequests& Instance();
-
-  // A zeroed record for a new request. Frees the records of requests that completed meanwhile.
-  OVERLAPPED* Add();
-  // The platform goes on with this record by itself.
-  void LeavePending(const OVERLAPPED* record);
-  // The request was waited for: frees the record unless the platform still holds it.
-  void Settle(OVERLAPPED* record);
-  // The request of this record is over: frees the record.
-  void Remove(const OVERLAPPED* record);
-
- private:
   struct Entry {
     OVERLAPPED record{};
     // The platform holds the record; before that its status says nothing.
     bool pending = false;
   };
+  using Request = std::list<Entry>::iterator;
+
+  // The process's own; it is never destroyed, as requests may complete during shutdown.
+  static PendingRequests& Instance();
+
+  // A new request with a zeroed record. Looks through some of the older ones and frees those that
+  // completed meanwhile.
+  Request Add();
+  // The following end the use of a request by its caller.
+  //
+  // The platform goes on with the record by itself.
+  void LeavePending(Request request);
+  // The request was waited for: frees the record unless the platform still holds it.
+  void Settle(Request request);
+  // The request is over: frees the record.
+  void Remove(Request request);
+
+ private:
+  void FreeSomeCompleted();
 
   std::mutex mutex_;
   std::list<Entry> entries_;

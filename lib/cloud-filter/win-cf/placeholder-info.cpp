@@ -1,7 +1,6 @@
 #include "win-cf/placeholder-info.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstring>
 
@@ -14,10 +13,7 @@ namespace {
 
 constexpr char kSource[] = R"(lib\cloud-filter\win-cf\placeholder-info)";
 
-// The standard information with the largest identity, and room to spare.
-constexpr std::size_t kInfoSize = 4160;
 constexpr std::size_t kIdentityOffset = offsetof(CF_PLACEHOLDER_STANDARD_INFO, FileIdentity);
-static_assert(kInfoSize >= kIdentityOffset + CF_PLACEHOLDER_MAX_FILE_IDENTITY_LENGTH);
 
 }  // namespace
 
@@ -28,11 +24,12 @@ PlaceholderInfoWinCF::PlaceholderInfoWinCF(const PlaceholderWinCF* subject) : pl
 }
 
 void PlaceholderInfoWinCF::Query() {
-  alignas(CF_PLACEHOLDER_STANDARD_INFO) std::array<std::byte, kInfoSize> buffer{};
+  static_assert(sizeof buffer >= kIdentityOffset + CF_PLACEHOLDER_MAX_FILE_IDENTITY_LENGTH);
+  buffer.fill('\0');
   DWORD returnedLength = 0;
-  const HRESULT result =
-      Cloud().CfGetPlaceholderInfo(placeholder->Handle(), CF_PLACEHOLDER_INFO_STANDARD,
-                                   buffer.data(), static_cast<DWORD>(kInfoSize), &returnedLength);
+  const HRESULT result = Cloud().CfGetPlaceholderInfo(
+      placeholder->Handle(), CF_PLACEHOLDER_INFO_STANDARD, buffer.data(),
+      static_cast<DWORD>(buffer.size()), &returnedLength);
   if (FAILED(result)) {
     constexpr int kLine = 54;
     Log(kSource, kLine, "Failed to get placholder info. ", placeholder->Path(), " ", result);
@@ -45,8 +42,8 @@ void PlaceholderInfoWinCF::Query() {
   pinState = info.PinState;
   inSyncState = info.InSyncState;
   // The length comes from outside; a wrong one must not lead past the buffer.
-  fileIdentity.assign(reinterpret_cast<const char*>(buffer.data()) + kIdentityOffset,
-                      std::min<std::size_t>(info.FileIdentityLength, kInfoSize - kIdentityOffset));
+  fileIdentity = {buffer.data() + kIdentityOffset,
+                  std::min<std::size_t>(info.FileIdentityLength, buffer.size() - kIdentityOffset)};
   isValid = true;
 }
 

@@ -1,8 +1,10 @@
 #ifndef NIMBRA_WIN_CF_PLACEHOLDER_INFO_H_
 #define NIMBRA_WIN_CF_PLACEHOLDER_INFO_H_
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "common/cloud-files.h"
 
@@ -22,13 +24,15 @@ class PlaceholderInfoWinCF : public PlaceholderInfoBase {
  public:
   // `subject` must outlive the object.
   explicit PlaceholderInfoWinCF(const PlaceholderWinCF* subject);
+  PlaceholderInfoWinCF(const PlaceholderInfoWinCF&) = delete;
+  PlaceholderInfoWinCF& operator=(const PlaceholderInfoWinCF&) = delete;
 
   [[nodiscard]] bool IsValid() const { return isValid; }
   [[nodiscard]] std::int64_t OnDiskDataSize() const { return onDiskDataSize; }
   [[nodiscard]] CF_PIN_STATE PinState() const { return pinState; }
   [[nodiscard]] CF_IN_SYNC_STATE InSyncState() const { return inSyncState; }
-  // May hold any bytes.
-  [[nodiscard]] const std::string& FileIdentity() const { return fileIdentity; }
+  // May hold any bytes; they live as long as the object.
+  [[nodiscard]] std::string_view FileIdentity() const { return fileIdentity; }
 
  private:
   void Query();
@@ -39,7 +43,10 @@ class PlaceholderInfoWinCF : public PlaceholderInfoBase {
   std::int64_t fileId = 0;
   CF_PIN_STATE pinState = CF_PIN_STATE_UNSPECIFIED;
   CF_IN_SYNC_STATE inSyncState = CF_IN_SYNC_STATE_NOT_IN_SYNC;
-  std::string fileIdentity;
+  std::string_view fileIdentity;
+
+  // What the platform told: the standard information with the largest identity, and room to spare.
+  alignas(CF_PLACEHOLDER_STANDARD_INFO) std::array<char, 4160> buffer;
 };
 
 }  // namespace corvdrive::cloud_filter

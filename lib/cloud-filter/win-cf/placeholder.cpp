@@ -1,5 +1,6 @@
 #include "win-cf/placeholder.h"
 
+#include <optional>
 #include <utility>
 
 #include "common/cldapi-table.h"
@@ -47,12 +48,12 @@ LARGE_INTEGER ToLargeInteger(std::int64_t value) {
   return large;
 }
 
-DWORD Length(const std::string& identity) { return static_cast<DWORD>(identity.size()); }
+DWORD Length(std::string_view identity) { return static_cast<DWORD>(identity.size()); }
 
 // Splits a path with "/" separators into its directory and its last component.
-std::pair<std::string, std::string> SplitPath(const std::string& path) {
+std::pair<std::string_view, std::string_view> SplitPath(std::string_view path) {
   const auto separator = path.rfind('/');
-  if (separator == std::string::npos) {
+  if (separator == std::string_view::npos) {
     return {"/", path};
   }
   return {separator == 0 ? "/" : path.substr(0, separator), path.substr(separator + 1)};
@@ -89,7 +90,7 @@ bool PlaceholderWinCF::Open() {
                            FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_OPEN_NO_RECALL;
   static_assert(kFlags == 0x42300000);
   handle.Reset(
-      CreateFileW(Utf8ToWide(path).c_str(), 0, kShareAll, nullptr, OPEN_EXISTING, kFlags, nullptr));
+      CreateFileW(WideText(path).Get(), 0, kShareAll, nullptr, OPEN_EXISTING, kFlags, nullptr));
   if (handle.IsValid()) {
     return true;
   }
@@ -101,7 +102,7 @@ bool PlaceholderWinCF::Open() {
   return false;
 }
 
-bool PlaceholderWinCF::Create(const PlaceholderMetaWinCF& meta, const std::string& identity) {
+bool PlaceholderWinCF::Create(const PlaceholderMetaWinCF& meta, std::string_view identity) {
   if (!CreateOnDisk(meta, identity)) {
     return false;
   }
@@ -116,17 +117,17 @@ bool PlaceholderWinCF::Create(const PlaceholderMetaWinCF& meta, const std::strin
   return true;
 }
 
-bool PlaceholderWinCF::CreateOnDisk(const PlaceholderMetaWinCF& meta, const std::string& identity) {
+bool PlaceholderWinCF::CreateOnDisk(const PlaceholderMetaWinCF& meta, std::string_view identity) {
   const auto [directory, name] = SplitPath(path);
-  const std::wstring wideName = Utf8ToWide(name);
+  const WideText wideName(name);
   CF_PLACEHOLDER_CREATE_INFO entry{};
-  entry.RelativeFileName = wideName.c_str();
+  entry.RelativeFileName = wideName.Get();
   entry.FsMetadata = meta.ToFsMetadata();
   entry.FileIdentity = identity.data();
   entry.FileIdentityLength = Length(identity);
   entry.Flags = CF_PLACEHOLDER_CREATE_FLAG_DISABLE_ON_DEMAND_POPULATION |
                 CF_PLACEHOLDER_CREATE_FLAG_MARK_IN_SYNC;
-  const HRESULT result = Cloud().CfCreatePlaceholders(Utf8ToWide(directory).c_str(), &entry, 1,
+  const HRESULT result = Cloud().CfCreatePlaceholders(WideText(directory).Get(), &entry, 1,
                                                       CF_CREATE_FLAG_NONE, nullptr);
   if (FAILED(result) || FAILED(entry.Result)) {
     Log(kSource, kCreateFailedLine, "Create placeholder failed ", path, " ", result, " ",
@@ -136,7 +137,7 @@ bool PlaceholderWinCF::CreateOnDisk(const PlaceholderMetaWinCF& meta, const std:
   return true;
 }
 
-bool PlaceholderWinCF::Update(const PlaceholderMetaWinCF& meta, const std::string& identity) {
+bool PlaceholderWinCF::Update(const PlaceholderMetaWinCF& meta, std::string_view identity) {
   if (!IsOpen()) {
     Log(kSource, kUpdateClosedLine, "Handle is invalid value");
     return false;
@@ -156,7 +157,7 @@ bool PlaceholderWinCF::Update(const PlaceholderMetaWinCF& meta, const std::strin
   return true;
 }
 
-bool PlaceholderWinCF::ConvertToPlaceholder(const std::string& identity) {
+bool PlaceholderWinCF::ConvertToPlaceholder(std::string_view identity) {
   const HRESULT result =
       Cloud().CfConvertToPlaceholder(handle.Get(), identity.data(), Length(identity),
                                      CF_CONVERT_FLAG_MARK_IN_SYNC, nullptr, nullptr);
@@ -195,7 +196,7 @@ bool PlaceholderWinCF::IsFullyHydrated() {
   if (size.QuadPart != 0) {
     return info.OnDiskDataSize() == size.QuadPart;
   }
-  const DWORD attributes = GetFileAttributesW(Utf8ToWide(path).c_str());
+  const DWORD attributes = GetFileAttributesW(WideText(path).Get());
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = GetLastError();
     Log(kSource, kAttributesFailedLine, "Failed to get file attr ", path,
@@ -223,14 +224,18 @@ bool PlaceholderWinCF::HydrateWhole(bool async, int sizeFailedLine) {
 }
 
 bool PlaceholderWinCF::HydrateRange(std::int64_t offset, std::int64_t length, bool async) {
-  OVERLAPPED* const record = async ? PendingRequests::Instance().Add() : nullptr;
-  const HRESULT result = Cloud().CfHydratePlaceholder(
-      handle.Get(), ToLargeInteger(offset), ToLargeInteger(length), CF_HYDRATE_FLAG_NONE, record);
-  if (record != nullptr) {
+  std::optional<PendingRequests::Request> request;
+  if (async) {
+    request = PendingRequests::Instance().Add();
+  }
+  const HRESULT result =
+      Cloud().CfHydratePlaceholder(handle.Get(), ToLargeInteger(offset), ToLargeInteger(length),
+                                   CF_HYDRATE_FLAG_NONE, request ? &(*request)->record : nullptr);
+  if (request) {
     if (result == kIoPending) {
-      PendingRequests::Instance().LeavePending(record);
+      PendingRequests::Instance().LeavePending(*request);
     } else {
-      PendingRequests::Instance().Remove(record);
+      PendingRequests::Instance().Remove(*request);
     }
   }
   if (SucceededOrPending(result)) {
@@ -242,7 +247,8 @@ bool PlaceholderWinCF::HydrateRange(std::int64_t offset, std::int64_t length, bo
 
 bool PlaceholderWinCF::Dehydrate(std::int64_t offset, std::int64_t length) {
   PendingRequests& requests = PendingRequests::Instance();
-  OVERLAPPED* const record = requests.Add();
+  const auto request = requests.Add();
+  OVERLAPPED* const record = &request->record;
   const ProtectedHandleReference reference(handle.Get());
   const HRESULT result =
       Cloud().CfDehydratePlaceholder(reference.Win32Handle(), ToLargeInteger(offset),
@@ -252,9 +258,9 @@ bool PlaceholderWinCF::Dehydrate(std::int64_t offset, std::int64_t length) {
     GetOverlappedResult(handle.Get(), record, &transferred, TRUE);
     // Without an event the wait is for the file, which another request on it can end early: then
     // the platform still writes into the record.
-    requests.Settle(record);
+    requests.Settle(request);
   } else {
-    requests.Remove(record);
+    requests.Remove(request);
   }
   return false;
 }

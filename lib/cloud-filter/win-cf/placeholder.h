@@ -30,7 +30,7 @@ class PlaceholderBase {
   // Whether all data is on the disk; an item that is no placeholder counts as hydrated.
   virtual bool IsFullyHydrated() = 0;
   // Turns a normal item into a placeholder that may be dehydrated. `identity` may hold any bytes.
-  virtual bool ConvertToPlaceholder(const std::string& identity) = 0;
+  virtual bool ConvertToPlaceholder(std::string_view identity) = 0;
   // Turns a placeholder into a normal item.
   virtual bool RevertToNormal() = 0;
 };
@@ -47,13 +47,13 @@ class PlaceholderWinCF : public PlaceholderBase {
   bool HydrateAll() override;
   bool Dehydrate(std::int64_t offset, std::int64_t length) override;
   bool IsFullyHydrated() override;
-  bool ConvertToPlaceholder(const std::string& identity) override;
+  bool ConvertToPlaceholder(std::string_view identity) override;
   bool RevertToNormal() override;
 
   // Creates the item on disk, and hydrates it when it inherits a pin. Leaves the object closed.
-  [[nodiscard]] bool Create(const PlaceholderMetaWinCF& meta, const std::string& identity);
+  [[nodiscard]] bool Create(const PlaceholderMetaWinCF& meta, std::string_view identity);
   // Replaces metadata and identity; a pinned item stays pinned.
-  [[nodiscard]] bool Update(const PlaceholderMetaWinCF& meta, const std::string& identity);
+  [[nodiscard]] bool Update(const PlaceholderMetaWinCF& meta, std::string_view identity);
   [[nodiscard]] bool IsPlaceholder() const;
   // Starts the hydration of the whole file and returns.
   [[nodiscard]] bool HydrateAllAsync();
@@ -69,7 +69,7 @@ class PlaceholderWinCF : public PlaceholderBase {
  private:
   bool HydrateRange(std::int64_t offset, std::int64_t length, bool async);
   bool HydrateWhole(bool async, int sizeFailedLine);
-  bool CreateOnDisk(const PlaceholderMetaWinCF& meta, const std::string& identity);
+  bool CreateOnDisk(const PlaceholderMetaWinCF& meta, std::string_view identity);
 
   std::string path;
   UniqueFile handle;

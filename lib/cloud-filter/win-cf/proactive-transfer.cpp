@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
@@ -48,7 +49,7 @@ class TransferKey {
 };
 
 // Reads exactly `length` bytes at `offset`.
-bool ReadChunk(HANDLE file, const std::string& path, std::int64_t offset, std::int64_t length,
+bool ReadChunk(HANDLE file, std::string_view path, std::int64_t offset, std::int64_t length,
                void* buffer) {
   LARGE_INTEGER position{};
   position.QuadPart = offset;
@@ -74,7 +75,7 @@ bool ReadChunk(HANDLE file, const std::string& path, std::int64_t offset, std::i
 }  // namespace
 
 bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
-                                      const std::string& localPath) {
+                                      std::string_view localPath) {
   // Declared so that on every way out the buffer goes first, then the key, then the file.
   UniqueFile file;
   TransferKey key(placeholder.Handle());
@@ -84,7 +85,7 @@ bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
     Log(kSource, __LINE__, "Failed to obtain trans key", result);
     return false;
   }
-  file.Reset(CreateFileW(Utf8ToWide(localPath).c_str(), GENERIC_READ,
+  file.Reset(CreateFileW(WideText(localPath).Get(), GENERIC_READ,
                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                          FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
   LARGE_INTEGER size{};
@@ -92,6 +93,9 @@ bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
     const DWORD error = GetLastError();
     Log(kSource, __LINE__, "Get file size failed: ", localPath, ": ec = ", ErrorNumber(error));
     return false;
+  }
+  if (size.QuadPart == 0) {
+    return true;
   }
   // Fresh pages are zero and cost nothing until they are touched.
   buffer.Reset(VirtualAlloc(nullptr, kChunkSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));

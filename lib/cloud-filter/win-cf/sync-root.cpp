@@ -70,16 +70,16 @@ HRESULT SyncRootWinCF::RegisterWithFlags(const std::string& text, CF_REGISTER_FL
   if (!ShellRegistration{path, userName, identity}.Write(text)) {
     return REGDB_E_WRITEREGDB;
   }
-  const std::wstring providerName = Utf8ToWide(kProviderName);
-  const std::wstring providerVersion = Utf8ToWide(kProviderVersion);
+  const WideText providerName(kProviderName);
+  const WideText providerVersion(kProviderVersion);
   CF_SYNC_REGISTRATION registration{};
   registration.StructSize = sizeof registration;
-  registration.ProviderName = providerName.c_str();
-  registration.ProviderVersion = providerVersion.c_str();
+  registration.ProviderName = providerName.Get();
+  registration.ProviderVersion = providerVersion.Get();
   registration.SyncRootIdentity = identity.data();
   registration.SyncRootIdentityLength = static_cast<DWORD>(identity.size());
   const HRESULT result =
-      Cloud().CfRegisterSyncRoot(Utf8ToWide(path).c_str(), &registration, &kPolicies, flags);
+      Cloud().CfRegisterSyncRoot(WideText(path).Get(), &registration, &kPolicies, flags);
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to register sync root ", result);
   } else {
@@ -89,7 +89,7 @@ HRESULT SyncRootWinCF::RegisterWithFlags(const std::string& text, CF_REGISTER_FL
 }
 
 HRESULT SyncRootWinCF::Unregister() {
-  const HRESULT result = Cloud().CfUnregisterSyncRoot(Utf8ToWide(path).c_str());
+  const HRESULT result = Cloud().CfUnregisterSyncRoot(WideText(path).Get());
   if (result != S_OK) {
     Log(kSource, __LINE__, "Failed to unregister sync root ", result);
     return result;
@@ -101,7 +101,7 @@ HRESULT SyncRootWinCF::Connect(const void* delegatorHandle, bool notifyDelete) {
   const auto flags = CF_CONNECT_FLAG_REQUIRE_PROCESS_INFO | CF_CONNECT_FLAG_REQUIRE_FULL_FILE_PATH |
                      CF_CONNECT_FLAG_BLOCK_SELF_IMPLICIT_HYDRATION;
   const CF_CALLBACK_REGISTRATION* const table = CallbackTable(notifyDelete);
-  const HRESULT result = Cloud().CfConnectSyncRoot(Utf8ToWide(path).c_str(), table, delegatorHandle,
+  const HRESULT result = Cloud().CfConnectSyncRoot(WideText(path).Get(), table, delegatorHandle,
                                                    flags, &connectionKey);
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to connect to syncroot ", path, ", err: ", result);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "common/cloud-files.h"
 
@@ -48,7 +49,7 @@ class SyncRootWinCF : public SyncRootBase {
   [[nodiscard]] bool AckDelete(std::int64_t transferKey, std::uint32_t status);
   // Fills an open placeholder from a local file (a UTF-8 path).
   [[nodiscard]] bool ProactiveTransfer(const PlaceholderWinCF& placeholder,
-                                       const std::string& localPath);
+                                       std::string_view localPath);
 
   [[nodiscard]] const std::string& Path() const { return path; }
   [[nodiscard]] const std::string& Identity() const { return identity; }

@@ -69,7 +69,7 @@ void CheckInfo(const PlaceholderWinCF& placeholder, const std::string& answer) {
   Require(info.OnDiskDataSize() == told.OnDiskDataSize.QuadPart, "the size is the answer's");
   Require(info.PinState() == told.PinState && info.InSyncState() == told.InSyncState,
           "the states are the answer's");
-  const std::string& identity = info.FileIdentity();
+  const std::string_view identity = info.FileIdentity();
   if (told.FileIdentityLength <= CF_PLACEHOLDER_MAX_FILE_IDENTITY_LENGTH) {
     Require(identity.size() == told.FileIdentityLength, "a possible length is believed");
   } else {

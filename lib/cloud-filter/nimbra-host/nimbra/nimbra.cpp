@@ -23,7 +23,7 @@ bool CopySyncRootIdentity(const char* path, void* identity) {
   const auto buffer = std::make_unique<std::byte[]>(kIdentityBufferSize);
   DWORD returnedLength = 0;
   const HRESULT result =
-      Cloud().CfGetSyncRootInfoByPath(Utf8ToWide(path).c_str(), CF_SYNC_ROOT_INFO_STANDARD,
+      Cloud().CfGetSyncRootInfoByPath(WideText(path).Get(), CF_SYNC_ROOT_INFO_STANDARD,
                                       buffer.get(), kIdentityBufferSize, &returnedLength);
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to get syncroot info on path ", path, ", ec: ", result);
@@ -44,7 +44,7 @@ bool CopySyncRootIdentity(const char* path, void* identity) {
 bool MayBeOurs(const char* path) {
   CF_SYNC_ROOT_PROVIDER_INFO info{};
   const HRESULT result = Cloud().CfGetSyncRootInfoByPath(
-      Utf8ToWide(path).c_str(), CF_SYNC_ROOT_INFO_PROVIDER, &info, sizeof info, nullptr);
+      WideText(path).Get(), CF_SYNC_ROOT_INFO_PROVIDER, &info, sizeof info, nullptr);
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to get syncroot info, path is: ", path);
     return true;

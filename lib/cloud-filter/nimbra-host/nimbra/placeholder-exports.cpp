@@ -26,8 +26,8 @@ CORVWinCFStatus WithPath(const char* path, Question&& question) {
     return kFailed;
   }
   return Guarded(kFailed, [&] {
-    const auto placeholder = std::make_shared<PlaceholderWinCF>(path);
-    return ToStatus(placeholder->Open() && question(*placeholder));
+    PlaceholderWinCF placeholder(path);
+    return ToStatus(placeholder.Open() && question(placeholder));
   });
 }
 
@@ -103,16 +103,15 @@ CORVWinCFStatus CORVWinCFPlaceholderUpdate(CORVWinCFPlaceholderHandle handle, co
                                            CORVWinCFPlaceholderMetaHandle meta) {
   return WithPlaceholder(handle, [&](PlaceholderWinCF& placeholder) {
     // Shared for the call, so that a release of the metadata handle meanwhile does no harm.
-    auto metadata = MetaOf(meta);
-    if (metadata == nullptr) {
-      if (meta != nullptr) {
-        // Not one of ours: taking it for none would empty the file.
-        return false;
-      }
-      metadata = std::make_shared<PlaceholderMetaWinCF>();
-      metadata->isEmpty = true;
+    const auto metadata = MetaOf(meta);
+    if (metadata == nullptr && meta != nullptr) {
+      // Not one of ours: taking it for none would empty the file.
+      return false;
     }
-    return identity != nullptr && placeholder.Update(*metadata, identity);
+    PlaceholderMetaWinCF none;
+    none.isEmpty = true;
+    return identity != nullptr &&
+           placeholder.Update(metadata == nullptr ? none : *metadata, identity);
   });
 }
 
