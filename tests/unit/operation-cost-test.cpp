@@ -213,7 +213,7 @@ class CountingRoot : public corvdrive::cloud_filter::SyncRootWinCF {
   std::set<const void*> buffers;
 };
 
-class StreamingCostTest : public OpenPlaceholderTest {
+class TransferCountTest : public OpenPlaceholderTest {
  protected:
   // A local file that is said to have that size and costs no reading.
   void Transfer(std::int64_t size) {
@@ -247,7 +247,7 @@ class StreamingCostTest : public OpenPlaceholderTest {
   int buffers_ = -1;
 };
 
-TEST_F(StreamingCostTest, AGiBIs256TransfersOutOfTheOneBufferThatItIsReadInto) {
+TEST_F(TransferCountTest, AGiBIs256TransfersOutOfTheOneBufferThatItIsReadInto) {
   constexpr std::int64_t kGiB = std::int64_t{1} << 30;
   Transfer(kGiB);
   EXPECT_EQ(root_.transfers, 256);
@@ -259,7 +259,7 @@ TEST_F(StreamingCostTest, AGiBIs256TransfersOutOfTheOneBufferThatItIsReadInto) {
   EXPECT_EQ(allocations_, 0);
 }
 
-TEST_F(StreamingCostTest, ASmallFileIsOneTransferAndTakesNothingFromTheHeap) {
+TEST_F(TransferCountTest, ASmallFileIsOneTransferAndTakesNothingFromTheHeap) {
   Transfer(4096);
   EXPECT_EQ(root_.transfers, 1);
   EXPECT_EQ(reads_, 1);
@@ -267,7 +267,7 @@ TEST_F(StreamingCostTest, ASmallFileIsOneTransferAndTakesNothingFromTheHeap) {
   EXPECT_EQ(allocations_, 0);
 }
 
-TEST_F(StreamingCostTest, AnEmptyFileNeedsNoBuffer) {
+TEST_F(TransferCountTest, AnEmptyFileNeedsNoBuffer) {
   Transfer(0);
   EXPECT_EQ(root_.transfers, 0);
   EXPECT_EQ(reads_, 0);
