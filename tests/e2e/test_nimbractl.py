@@ -96,7 +96,8 @@ class Items(NimbractlCase):
         root = self.new_tree()
         rows = self.run_ctl("state", dos_path(root.path) + "\\*.txt").rows
         self.assertEqual(
-            {row[-1] for row in rows}, {dos_path(root.path / name) for name in ("a.txt", "read.txt")}
+            {row[-1] for row in rows},
+            {dos_path(root.path / name) for name in ("a.txt", "read.txt")},
         )
         self.assertIn(
             f"nothing matches {dos_path(root.path)}\\*.jpg",
@@ -224,7 +225,8 @@ class Items(NimbractlCase):
             ("pinned.txt", "0x80070188 ERROR_CLOUD_FILE_PINNED, it is pinned", "nimbractl unpin"),
             ("changed.txt", "0x80070179 ERROR_CLOUD_FILE_NOT_IN_SYNC", "nimbractl in-sync"),
         ):
-            self.assertIn(f"{dos_path(root.path / name)} was not dehydrated: {reason}", answer.errors)
+            path = dos_path(root.path / name)
+            self.assertIn(f"{path} was not dehydrated: {reason}", answer.errors)
             self.assertIn(advice, answer.errors)
             self.assert_hydrated(root, name, 5000)
 
@@ -625,9 +627,9 @@ class NoPlatform(NimbractlCase):
         self.assertRegex(
             self.run_ctl("info", "--program", bad, code=3).output, r"its gate +CLOSED: "
         )
-        text = write_content(self.folder / "no-program.exe", 100)
-        self.assertEqual(len(text), 100)
-        self.assertIn("0x800700C1", self.failure("info", "--program", self.folder / "no-program.exe"))
+        text = self.folder / "no-program.exe"
+        write_content(text, 100)
+        self.assertIn("0x800700C1", self.failure("info", "--program", text))
         self.assertIn("check the path", self.failure("info", "--program", self.folder / "missing"))
 
     def test_a_manifest_beside_a_program_that_has_none_counts_without_its_comments(self):

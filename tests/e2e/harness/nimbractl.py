@@ -33,6 +33,7 @@ def _texts(arguments):
 class NimbractlCase(EndToEndCase):
     needs_provider = False
     program = "nimbractl.exe"
+    seconds = 120  # some tests run it twenty times
 
     @classmethod
     def endpoint(cls):
