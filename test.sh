@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # Builds everything and runs every check: lint, the cloud filter's own tests, the library's tests
 # under Wine, the end-to-end tests, what builds natively with the compiler's sanitizers and a fuzzer,
-# and what runs under Wine once more in a build that ends at the first mistake with memory and at
-# undefined behaviour. Installs what is missing (Debian 12).
+# what runs under Wine once more in a build that ends at the first mistake with memory and at
+# undefined behaviour, the library's own tests in a build of the second toolchain, and two builds of
+# the library that must be the same. Installs what is missing (Debian 12).
 #
-#   ./test.sh [--quick | --checked | --coverage | --soak [SECONDS]] [-R REGEX]
+#   ./test.sh [--quick | --checked | --clang | --coverage | --soak [SECONDS]] [-R REGEX]
 #
-#   --quick         leave out clang-tidy, the end-to-end tests, the sanitizers and the checked build
+#   --quick         leave out clang-tidy, the end-to-end tests, the sanitizers, the checked build, the
+#                   second toolchain and the builds that must be the same
 #   --checked       only the tests in the checked build
+#   --clang         only the tests in the build of the second toolchain, clang and lld, and all of them
 #   --coverage      only which lines and branches of the library its own tests run; fails for a line
 #                   that never runs and is not in tests/coverage-exceptions.txt
 #   --soak SECONDS  only a constant load for that long (1800), under which nothing may grow; the
@@ -128,15 +131,19 @@ clean_up() {
   rm -rf --one-file-system -- "$TMPDIR" "$NIMBRA_WORK"/{e2e,conformance}-*
 }
 
+# build_targets <preset> [target]...: all of them without a target.
+build_targets() {
+  if ! stage "build, $1" "$LOGS/build-$1.log" "$NIMBRA_SOURCE/scripts/build.sh" "$@"; then
+    count 0 1 0
+    return 1
+  fi
+}
+
 # build <preset>...: stops at the first that fails.
 build() {
   local preset
   for preset in "$@"; do
-    if ! stage "build, $preset" "$LOGS/build-$preset.log" \
-      "$NIMBRA_SOURCE/scripts/build.sh" "$preset"; then
-      count 0 1 0
-      return 1
-    fi
+    build_targets "$preset" || return
   done
 }
 
@@ -178,6 +185,27 @@ run_checked() {
   run_ctest 'the same, memory and behaviour checked (Wine)' mingw-checked "${selection[@]}"
 }
 
+# The second toolchain. The ordinary run has time for the library's own tests and for what the
+# images are asked to have; --clang runs all.
+run_clang() {
+  local targets=() tests=("${selection[@]}")
+  if [[ $mode != clang ]]; then
+    targets=(nimbra mirror readme-example nimbra_unit_tests nimbra_dll_tests
+      nimbra_dll_tests_without_manifest nimbra_dll_tests_with_partial_platform nimbra_header_in_c
+      nimbra_header_in_cpp)
+    tests=(-R '^(nimbra_unit_tests|nimbra_dll_tests|nimbra_header|abi|protections)')
+  fi
+  build_targets clang-release "${targets[@]}" || return 0
+  run_ctest 'built with clang and lld (Wine)' clang-release "${tests[@]}"
+}
+
+check_reproducible() {
+  local folder="$NIMBRA_SOURCE/tests/reproducible"
+  check 'differing builds are told apart' comparison "$folder/test_comparison.py"
+  check 'the same bytes from two folders' reproducible \
+    "$folder/check.py" "$NIMBRA_WORK/reproducible"
+}
+
 # The tests of the library's own; those of all parts together would hide what these leave out. The
 # fault matrix knows the calls of the library, not those of the counting, and what dies in the middle
 # of a schedule would have to write its counts first.
@@ -206,7 +234,7 @@ run_soak() {
 main() {
   while (($#)); do
     case $1 in
-      --quick | --checked | --coverage | --soak)
+      --quick | --checked | --clang | --coverage | --soak)
         [[ $mode == full ]] || usage_error "--$mode and $1 do not go together"
         mode=${1#--}
         if [[ $mode == soak && ${2:-} =~ ^[1-9][0-9]*$ ]]; then soak_seconds=$2 && shift; fi
@@ -241,6 +269,7 @@ main() {
   case $mode in
     coverage) run_coverage ;;
     checked) build linux-release && run_checked ;;
+    clang) build linux-release && run_clang ;;
     soak) build linux-release mingw-release && run_soak ;;
     quick) run_ordinary ;;
     full)
@@ -251,6 +280,8 @@ main() {
         soak_seconds=120 run_soak
         run_sanitized
         run_checked
+        run_clang
+        check_reproducible
       fi
       ;;
   esac

@@ -107,7 +107,7 @@ function(nimbra_target_symbols target)
   # The image names the file without its folder, and the file names no folder of this build: a build
   # in another one is the same.
   target_compile_options(${target} PRIVATE -g -gcodeview -gno-codeview-command-line
-    "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build")
+    -ffile-compilation-dir=.)
   target_link_options(${target} PRIVATE
     -Wl,--pdb= "-Wl,--Xlink=-pdbaltpath:%_PDB%" -Wl,--Xlink=-pdbsourcepath:.)
 endfunction()

@@ -23,7 +23,7 @@ main() {
   local tests=ON
   if [[ ${1:-} == --without-tests ]]; then tests=OFF && shift; fi
   case ${1:-} in
-    linux-release | linux-sanitized | mingw-release | mingw-checked | mingw-coverage) ;;
+    linux-release | linux-sanitized | mingw-release | mingw-checked | mingw-coverage | clang-release) ;;
     --help | -h) print_help && return ;;
     *) usage_error "unknown preset '${1:-}'" ;;
   esac
@@ -34,7 +34,7 @@ main() {
   if [[ $tests == ON || ! -f $folder/build.ninja ]]; then
     options+=("-DNIMBRA_BUILD_TESTS=$tests")
   fi
-  if [[ $preset == mingw-* ]]; then
+  if [[ $preset == mingw-* || $preset == clang-* ]]; then
     options+=("-DNIMBRA_FILTER_DAEMON=$NIMBRA_WORK/linux-release/bin/cloud-filterd"
       -DNIMBRA_BUILD_DEMO=ON)
   fi

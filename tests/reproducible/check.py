@@ -33,9 +33,16 @@ LIBRARY_ONLY = [f"-DNIMBRA_BUILD_{part}=OFF"
 
 
 def copy_sources(folder):
-    """All that a checkout has; links and read-only files become ordinary ones."""
+    """All that a checkout has, but not what is built in it, which may be this copy itself."""
     skipped = shutil.ignore_patterns(".git", "build", "__pycache__", "node_modules")
-    shutil.copytree(SOURCE, folder, ignore=skipped)
+
+    def ignored(parent, names):
+        above = {name for name in names if (Path(parent) / name).resolve() in folder.parents}
+        return above | skipped(parent, names)
+
+    shutil.copytree(SOURCE, folder, ignore=ignored)
+    for parent, _, _ in os.walk(folder):
+        os.chmod(parent, 0o755)  # the checkout may be read-only
 
 
 def environment(home, changes):
