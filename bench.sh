@@ -4,7 +4,7 @@
 #
 #   ./bench.sh [--quick] [--large] [FAMILY]...
 #
-#   FAMILY   what to measure: exports, callbacks, streaming (default: all)
+#   FAMILY   what to measure: exports, callbacks, streaming, filter, shell, load (default: all)
 #   --quick  a few seconds: shows that everything runs, the figures mean little
 #   --large  the sizes that take long, too
 #
@@ -18,13 +18,20 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/lib.sh"
 clean_up() {
   trap '' INT TERM
   end_running
+  local point
   "$NIMBRA_SOURCE/scripts/wine-prefix.sh" --stop-all >/dev/null 2>&1 7>&- || true
-  rm -rf --one-file-system -- "$TMPDIR"
+  stop_program "$NIMBRA_WORK/linux-release/bin/cloud-filterd"
+  while read -r point; do
+    fusermount3 -u -z "$point" 2>/dev/null || umount -l "$point" 2>/dev/null || true
+  done < <(mounts_below "$NIMBRA_WORK")
+  rm -rf --one-file-system -- "$TMPDIR" "$NIMBRA_WORK"/e2e-*
 }
 
+# build <preset> <target>...
 build() {
-  stage 'build, mingw-release' "$NIMBRA_WORK/logs/build-mingw-release.log" \
-    "$NIMBRA_SOURCE/scripts/build.sh" --without-tests mingw-release nimbra_bench
+  stage "build, $1" "$NIMBRA_WORK/logs/build-$1.log" \
+    "$NIMBRA_SOURCE/scripts/build.sh" --without-tests "$@" ||
+    die "Nothing was measured."
 }
 
 main() {
@@ -46,10 +53,15 @@ main() {
   trap 'exit 130' INT
   trap 'exit 143' TERM
   "$NIMBRA_SOURCE/scripts/setup.sh" --quiet demo 7>&-
-  build || die "Nothing was measured."
+  build linux-release cloud-filterd
+  build mingw-release nimbra cldapi e2e_provider nimbra_bench nimbra_bench_load nimbra_bench_nothing
+  local built="$NIMBRA_WORK/mingw-release"
   NIMBRA_TEST_TIMEOUT=600 interruptible "$NIMBRA_SOURCE/bench/run.py" \
-    --bench "$NIMBRA_WORK/mingw-release/bench/nimbra-bench.exe" \
-    --output "$NIMBRA_WORK/bench" "$@"
+    --output "$NIMBRA_WORK/bench" --daemon "$NIMBRA_WORK/linux-release/bin/cloud-filterd" \
+    --library "$built/bin/Nimbra.dll" --cldapi "$built/simulator/cldapi.dll" \
+    --provider "$built/tests/e2e/programs/e2e-provider.exe" \
+    --bench "$built/bench/nimbra-bench.exe" --loader "$built/bench/load-once.exe" \
+    --nothing "$built/bench/nothing.dll" "$@"
 }
 
 main "$@"

@@ -112,7 +112,8 @@ Batch RepeatOnThreads(int count, Operation operation) {
 }
 
 // Of a run with several threads.
-constexpr std::size_t kTimesPerThread = 3200;
+constexpr std::size_t kTimesPerThread = 1600;
+constexpr std::size_t kMostRounds = 9;
 
 constexpr double kMostRatio = 1.25;
 constexpr double kMostAllocations = 2;
@@ -128,6 +129,7 @@ void MeasureEvent(const Settings& settings, const std::string& name, CF_CALLBACK
   for (const int threads : counts) {
     Effort effort = settings.Short();
     effort.leastTimes = effort.mostTimes = settings.isQuick ? kChunk : kTimesPerThread;
+    effort.rounds = std::min(effort.rounds, kMostRounds);
     Row row;
     row.family = "callbacks";
     row.group = name;

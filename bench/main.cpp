@@ -1,5 +1,5 @@
 // Measures families of operations, each beside a baseline, and writes a line of JSON for each row:
-//   nimbra-bench [--quick] [--large] FAMILY...
+//   nimbra-bench [--quick] [--large] [--folder=PATH] FAMILY...
 
 #include <cstdio>
 #include <exception>
@@ -16,11 +16,15 @@ namespace {
 
 using nimbra_bench::Settings;
 
+constexpr std::string_view kFolder = "--folder=";
+
 const std::map<std::string_view, std::function<void(const Settings&)>>& Families() {
   static const std::map<std::string_view, std::function<void(const Settings&)>> families = {
       {"exports", nimbra_bench::MeasureExports},
       {"callbacks", nimbra_bench::MeasureCallbacks},
-      {"streaming", nimbra_bench::MeasureStreaming}};
+      {"streaming", nimbra_bench::MeasureStreaming},
+      {"shell", nimbra_bench::MeasureShell},
+      {"placeholders", nimbra_bench::MeasurePlaceholders}};
   return families;
 }
 
@@ -32,6 +36,8 @@ int Run(const std::vector<std::string_view>& arguments) {
       settings.isQuick = true;
     } else if (argument == "--large") {
       settings.isLarge = true;
+    } else if (argument.starts_with(kFolder)) {
+      settings.folder = argument.substr(kFolder.size());
     } else if (Families().contains(argument)) {
       names.push_back(argument);
     } else {

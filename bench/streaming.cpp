@@ -137,7 +137,7 @@ std::vector<double> KernelCosts(const Settings& settings) {
 void MeasureSize(const Settings& settings, std::int64_t size) {
   const Source source(size);
   const bool takesLong = size > kLarge;
-  const Effort effort = size >= kMiB ? settings.Long(takesLong ? 11 : 15) : settings.Short();
+  const Effort effort = size >= kMiB ? settings.Long(takesLong ? 7 : 11) : settings.Short();
   for (const double cost : KernelCosts(settings)) {
     MeasureLibrary(source, cost, effort);
   }
@@ -146,7 +146,7 @@ void MeasureSize(const Settings& settings, std::int64_t size) {
       MeasureShapes(source, cost, settings.Long(cost > kUsualCost ? 3 : 5));
     }
   } else if (takesLong) {
-    MeasureShapes(source, kUsualCost, settings.Long(3));
+    MeasureShapes(source, kUsualCost, settings.Long(2));
   }
 }
 

@@ -12,9 +12,8 @@ struct Settings {
   bool isQuick = false;
   // The sizes that take long, too.
   bool isLarge = false;
-  // The library as a DLL, and a DLL that does nothing.
-  std::wstring library = {};
-  std::wstring nothing = {};
+  // A folder in a connected sync root, with slashes.
+  std::string folder = {};
 
   // For operations of at most some microseconds.
   [[nodiscard]] Effort Short() const {
@@ -22,7 +21,7 @@ struct Settings {
   }
   // For longer ones: as many rounds, and operations in each, as are named here.
   [[nodiscard]] Effort Long(std::size_t rounds, std::size_t times = 1) const {
-    return isQuick ? Effort{2, 1, 1, 1} : Effort{rounds, 1e9, times, 1};
+    return isQuick ? Effort{2, 0, 1, 1} : Effort{rounds, 0, times, times};
   }
 };
 
@@ -30,6 +29,9 @@ struct Settings {
 void MeasureExports(const Settings& settings);
 void MeasureCallbacks(const Settings& settings);
 void MeasureStreaming(const Settings& settings);
+void MeasureShell(const Settings& settings);
+// On the real platform, in a sync root that a client serves.
+void MeasurePlaceholders(const Settings& settings);
 
 }  // namespace nimbra_bench
 

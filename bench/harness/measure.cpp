@@ -7,6 +7,8 @@
 namespace nimbra_bench {
 namespace {
 
+constexpr double kClockStep = 100;
+
 // The shorter of two runs: one that the machine interrupted says nothing.
 double ShorterOfTwo(const Batch& batch, std::size_t times) {
   const double first = batch(times);
@@ -16,6 +18,10 @@ double ShorterOfTwo(const Batch& batch, std::size_t times) {
 // How many operations make a batch; the runs that find it out are the warm-up.
 std::size_t BatchSize(const Effort& effort, const Batch& batch) {
   std::size_t times = effort.leastTimes;
+  if (times >= effort.mostTimes) {
+    batch(times);
+    return times;
+  }
   double took = ShorterOfTwo(batch, times);
   while (took < effort.batchNanoseconds / 2 && times < effort.mostTimes) {
     const double wanted =
@@ -33,7 +39,11 @@ struct Track {
   std::size_t times;
   std::vector<double> perOperation;
 
-  void Run() { perOperation.push_back((*batch)(times) / static_cast<double>(times)); }
+  void Run() {
+    // What takes no time that the clock shows takes at most one step of it.
+    const double took = std::max((*batch)(times), kClockStep);
+    perOperation.push_back(took / static_cast<double>(times));
+  }
 };
 
 std::vector<double> Ratios(const Track& subject, const Track& baseline) {

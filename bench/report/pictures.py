@@ -3,7 +3,7 @@
 import html
 import math
 
-from .rows import FAMILIES, misses, time_text
+from .rows import FAMILIES, misses, value_text
 
 WIDTH, LABELS, BARS, LINE, HEAD = 980, 360, 430, 18, 64
 INK, SOFT, BAR, BAD, MARK = "#222", "#777", "#4a78a8", "#c0503a", "#222"
@@ -44,7 +44,7 @@ class Scale:
 def bar(row, y, scale):
     one, end = scale.at(1), scale.at(row["ratio"])
     colour = BAD if misses(row) else BAR
-    note = f"{row['ratio']:.2f}   {time_text(row['subject'])} / {time_text(row['baseline'])}"
+    note = f"{row['ratio']:.2f}   {value_text(row, row['subject'])} / {value_text(row, row['baseline'])}"
     return [
         text(LABELS - 8, y + 11, row["name"], "end", 11),
         rectangle(min(one, end), y + 2, abs(end - one), LINE - 7, colour),

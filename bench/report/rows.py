@@ -1,5 +1,7 @@
 """The rows that the measuring programs write, and what is said of them."""
 
+import statistics
+
 FAMILIES = {
     "exports": "What each export adds to a platform that does nothing",
     "callbacks": "From the platform's event to the client's callback",
@@ -9,14 +11,45 @@ FAMILIES = {
     "load": "Loading the library",
 }
 
-UNITS = ((1, "ns"), (1e3, "us"), (1e6, "ms"), (1e9, "s"))
+TIME_UNITS = ((1, "ns"), (1e3, "us"), (1e6, "ms"), (1e9, "s"))
 
 
-def time_text(nanoseconds):
+SIZE_UNITS = ((1, "B"), (1 << 10, "KiB"), (1 << 20, "MiB"))
+
+
+def value_text(row, value):
     """Three figures and a unit."""
-    factor, unit = max((pair for pair in UNITS if abs(nanoseconds) >= pair[0]), default=UNITS[0])
-    value = nanoseconds / factor
+    units = SIZE_UNITS if row.get("unit") == "bytes" else TIME_UNITS
+    factor, unit = max((pair for pair in units if abs(value) >= pair[0]), default=units[0])
+    value = value / factor
     return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f} {unit}"
+
+
+def _distance(centre, values):
+    return statistics.median(abs(value / centre - 1) for value in values)
+
+
+def make_row(family, group, name, subject, baseline, again=None, **more):
+    """From the samples of a subject and its baseline, one of each for each round.
+
+    The samples of `again` are the baseline's own, taken a second time.
+    """
+    ratios = [one / other for one, other in zip(subject, baseline)]
+    ratio = statistics.median(ratios)
+    return {
+        "family": family,
+        "group": group,
+        "name": name,
+        "subject": statistics.median(subject),
+        "baseline": statistics.median(baseline),
+        "ratio": ratio,
+        "spread": _distance(ratio, ratios),
+        "noise": _distance(1, [one / other for one, other in zip(again or baseline, baseline)]),
+        "rounds": len(subject),
+        "limits": [],
+        "functions": [],
+        **more,
+    }
 
 
 def quantity(row, name):
@@ -58,7 +91,7 @@ def problems(rows, families, functions=()):
         for key in ("subject", "baseline", "ratio"):
             if not row[key] > 0:
                 found.append(f"{name}: {key} is {row[key]}")
-        if row.get("allocations", 0) < 0 or not 0 <= row["noise"] < 100:
+        if row.get("allocations", 0) < 0 or not 0 <= row["noise"] < float("inf"):
             found.append(f"{name}: impossible figures")
     measured = {function for row in rows for function in row["functions"]}
     found += [f"no row is about {function}" for function in functions if function not in measured]

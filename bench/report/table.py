@@ -1,6 +1,6 @@
 """The table of all rows."""
 
-from .rows import FAMILIES, limits_text, misses, time_text
+from .rows import FAMILIES, limits_text, misses, value_text
 
 COLUMNS = ("", "takes", "baseline", "ratio", "spread", "A/A", "allocations", "limit")
 WIDTHS = (50, 9, 9, 7, 7, 6, 12, 0)
@@ -31,8 +31,8 @@ def verdict(row):
 def cells(row):
     return (
         f"  {row['name']}"[: WIDTHS[0]],
-        time_text(row["subject"]),
-        time_text(row["baseline"]),
+        value_text(row, row["subject"]),
+        value_text(row, row["baseline"]),
         f"{row['ratio']:.2f}",
         f"{row['spread']:.1%}",
         f"{row['noise']:.1%}",

@@ -1,0 +1,29 @@
+// A DLL that does nothing, with what of the compiler's runtime the library has too: streams,
+// exceptions, threads and containers.
+
+#include <windows.h>
+
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+// Nobody calls it: that it is exported keeps the runtime linked in.
+extern "C" __declspec(dllexport) int NimbraBenchNothing(int number) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  std::thread([] {}).join();
+  try {
+    std::ostringstream text;
+    text << number;
+    const std::map<std::string, std::shared_ptr<int>> numbers{
+        {text.str(), std::make_shared<int>(number)}};
+    return *numbers.at(std::to_string(number));
+  } catch (const std::exception&) {
+    return -1;
+  }
+}

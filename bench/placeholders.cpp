@@ -1,0 +1,232 @@
+// Placeholders on the filter: made and asked about through the library, beside the platform's own
+// functions with ready-made arguments. What the latter take is the platform's (the simulator's) own
+// cost.
+
+#include <windows.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/harness/families.h"
+#include "bench/harness/report.h"
+#include "common/cldapi-table.h"
+#include "common/text.h"
+#include "nimbra/nimbra.h"
+#include "tests/support/sync-root-handles.h"
+
+namespace nimbra_bench {
+namespace {
+
+using corvdrive::cloud_filter::Cloud;
+using corvdrive::cloud_filter::Utf8ToWide;
+
+constexpr std::int64_t kFileSize = 123'456;
+constexpr int kItemsPerFolder = 100;
+constexpr int kParts = 10;
+// The baseline beside itself only where that does not take long.
+constexpr int kMostTimesAgain = 1000;
+// For the items of one tree.
+constexpr double kMostNanoseconds = 15e9;
+
+void Require(bool succeeded, const std::string& what) {
+  if (!succeeded) {
+    throw std::runtime_error("failed: " + what);
+  }
+}
+
+HANDLE OpenItem(const std::wstring& path) {
+  return CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                     nullptr, OPEN_EXISTING,
+                     FILE_FLAG_OVERLAPPED | FILE_FLAG_BACKUP_SEMANTICS |
+                         FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_OPEN_NO_RECALL,
+                     nullptr);
+}
+
+void AskInfo(HANDLE item) {
+  std::array<std::byte, 4160> info{};
+  DWORD length = 0;
+  Require(SUCCEEDED(Cloud().CfGetPlaceholderInfo(item, CF_PLACEHOLDER_INFO_STANDARD, info.data(),
+                                                 static_cast<DWORD>(info.size()), &length)),
+          "asking about a placeholder");
+}
+
+// Placeholders in folders of 100 each.
+class Tree {
+ public:
+  explicit Tree(std::string folder) : folder_(std::move(folder)) {
+    Require(CreateDirectoryW(Utf8ToWide(folder_).c_str(), nullptr) != 0, folder_);
+  }
+
+  // The folder and the name of the next item; a folder is made when it is due.
+  std::pair<std::string, std::string> Next() {
+    if (count_ % kItemsPerFolder == 0) {
+      current_ = folder_ + "/" + std::to_string(count_ / kItemsPerFolder);
+      Require(CreateDirectoryW(Utf8ToWide(current_).c_str(), nullptr) != 0, current_);
+    }
+    return {current_, "item " + std::to_string(count_++) + ".txt"};
+  }
+
+ private:
+  std::string folder_;
+  std::string current_;
+  int count_ = 0;
+};
+
+void CreateThroughLibrary(const std::string& path, CORVWinCFPlaceholderMetaHandle meta) {
+  const nimbra_test::Placeholder placeholder(path);
+  Require(CORVWinCFPlaceholderCreate(placeholder.Get(), "identity", meta) == 0, path);
+}
+
+// What creating comes down to: make it, look at its pin state.
+void CreateDirectly(const std::wstring& folder, const std::wstring& name,
+                    const std::wstring& path) {
+  static constexpr char kIdentity[] = "identity";
+  CF_PLACEHOLDER_CREATE_INFO entry{};
+  entry.RelativeFileName = name.c_str();
+  entry.FsMetadata.FileSize.QuadPart = kFileSize;
+  entry.FsMetadata.BasicInfo.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+  entry.FileIdentity = kIdentity;
+  entry.FileIdentityLength = sizeof kIdentity - 1;
+  entry.Flags = CF_PLACEHOLDER_CREATE_FLAG_DISABLE_ON_DEMAND_POPULATION |
+                CF_PLACEHOLDER_CREATE_FLAG_MARK_IN_SYNC;
+  Require(SUCCEEDED(Cloud().CfCreatePlaceholders(folder.c_str(), &entry, 1, CF_CREATE_FLAG_NONE,
+                                                 nullptr)),
+          "creating a placeholder");
+  const HANDLE item = OpenItem(path);
+  AskInfo(item);
+  CloseHandle(item);
+}
+
+// The nanoseconds of an item when so many are made.
+double TimeLibrary(Tree& tree, int count) {
+  CORVWinCFPlaceholderMetaHandle meta = CORVWinCFPlaceholderMetaNew(0, 0, 0, 0, kFileSize, 0);
+  double took = 0;
+  for (int i = 0; i < count; ++i) {
+    const auto [folder, name] = tree.Next();
+    const std::string path = folder + "/" + name;
+    const auto begun = Clock::now();
+    CreateThroughLibrary(path, meta);
+    took += NanosecondsSince(begun);
+  }
+  CORVWinCFPlaceholderMetaRelease(meta);
+  return took / count;
+}
+
+double TimePlatform(Tree& tree, int count) {
+  double took = 0;
+  for (int i = 0; i < count; ++i) {
+    const auto [folder, name] = tree.Next();
+    const std::wstring wideFolder = Utf8ToWide(folder);
+    const std::wstring wideName = Utf8ToWide(name);
+    const std::wstring path = Utf8ToWide(folder + "/" + name);
+    const auto begun = Clock::now();
+    CreateDirectly(wideFolder, wideName, path);
+    took += NanosecondsSince(begun);
+  }
+  return took / count;
+}
+
+// The trees grow side by side, a part at a time. An item's last cost by its first says how the cost
+// grows.
+// Gives the nanoseconds of one item.
+double MeasureCreation(const Settings& settings, int count) {
+  const std::string folder = settings.folder + "/made " + std::to_string(count);
+  Tree library(folder + " a");
+  Tree platform(folder + " b");
+  Tree again(folder + " c");
+  std::vector<double> subject, baseline, ratios, noise;
+  for (int part = 0; part < kParts; ++part) {
+    const int size = count / kParts;
+    baseline.push_back(TimePlatform(platform, size));
+    subject.push_back(TimeLibrary(library, size));
+    ratios.push_back(subject.back() / baseline.back());
+    if (count <= kMostTimesAgain) {
+      noise.push_back(std::abs(TimePlatform(again, size) / baseline.back() - 1));
+    }
+  }
+  Row row;
+  row.family = "filter";
+  row.group = "creating placeholders, each";
+  row.name = "of " + std::to_string(count);
+  const double ratio = Median(ratios);
+  row.times = {Median(subject), Median(baseline), ratio, 0, noise.empty() ? 0 : Median(noise),
+               kParts};
+  for (double& value : ratios) {
+    value = std::abs(value / ratio - 1);
+  }
+  row.times.spread = Median(ratios);
+  row.more = {{"perSecond", 1e9 / row.times.subject},
+              {"growth", subject.back() / subject.front()},
+              {"platformGrowth", baseline.back() / baseline.front()}};
+  row.functions = {"CORVWinCFPlaceholderCreate"};
+  Write(row);
+  return row.times.subject;
+}
+
+void WriteQuery(const std::string& name, const Comparison& times) {
+  Row row;
+  row.family = "filter";
+  row.group = "asking about a placeholder";
+  row.name = name;
+  row.times = times;
+  row.more = {{"perSecond", 1e9 / times.subject}};
+  Write(row);
+}
+
+void MeasureQueries(const Settings& settings) {
+  const std::string path = settings.folder + "/asked.txt";
+  CORVWinCFPlaceholderMetaHandle meta = CORVWinCFPlaceholderMetaNew(0, 0, 0, 0, kFileSize, 0);
+  CreateThroughLibrary(path, meta);
+  CORVWinCFPlaceholderMetaRelease(meta);
+  const std::wstring widePath = Utf8ToWide(path);
+  Effort effort = settings.Short();
+  effort.batchNanoseconds *= 10;
+  const auto askAll = [&widePath](bool withSize) {
+    const HANDLE item = OpenItem(widePath);
+    LARGE_INTEGER size{};
+    if (withSize) {
+      GetFileSizeEx(item, &size);
+    }
+    AskInfo(item);
+    CloseHandle(item);
+  };
+  WriteQuery("IsPlaceholder", Compare(effort, Repeat([&] { askAll(false); }),
+                                      Repeat([&] { CORVWinCFIsPlaceholder(path.c_str()); })));
+  WriteQuery("IsFullyHydrated", Compare(effort, Repeat([&] { askAll(true); }),
+                                        Repeat([&] { CORVWinCFIsFullyHydrated(path.c_str()); })));
+  const nimbra_test::Placeholder placeholder(path);
+  CORVWinCFPlaceholderOpen(placeholder.Get());
+  const HANDLE item = OpenItem(widePath);
+  WriteQuery("PlaceholderIsInSync", Compare(effort, Repeat([item] { AskInfo(item); }), Repeat([&] {
+                                              CORVWinCFPlaceholderIsInSync(placeholder.Get());
+                                            })));
+  CloseHandle(item);
+}
+
+}  // namespace
+
+void MeasurePlaceholders(const Settings& settings) {
+  std::vector<int> counts = {10, 1000, 10'000};
+  if (settings.isQuick) {
+    counts = {10, 100};
+  } else if (settings.isLarge) {
+    counts.push_back(100'000);
+  }
+  double perItem = 0;
+  for (int count : counts) {
+    if (!settings.isLarge && perItem * count > kMostNanoseconds) {
+      // A slow machine makes fewer; the row says how many.
+      count = std::max(kMostTimesAgain, static_cast<int>(kMostNanoseconds / perItem) / 100 * 100);
+    }
+    perItem = MeasureCreation(settings, count);
+  }
+  MeasureQueries(settings);
+}
+
+}  // namespace nimbra_bench
