@@ -4,8 +4,7 @@
     check.py [--guarded] <image>...
 
 --guarded  it is from clang and lld: with Control Flow Guard, marked as compatible with shadow stacks
-           (CET), and with its own .pdb file beside it, which knows the records of the public header
-           that the image uses
+           (CET), and with its own .pdb file beside it; that of a library knows the public records
 """
 
 import argparse
@@ -81,7 +80,9 @@ def missing_symbols(image):
     if f"GUID: {{{guid}}}" not in pdbutil("-summary", beside):
         found.append(f"{beside} belongs to another image")
     types = pdbutil("-types", beside)
-    if fields_in(types, RECORD) != fields_kept(RECORD):
+    if "LF_STRUCTURE" not in types:
+        found.append(f"{beside} has no types")
+    if image.exports() and fields_in(types, RECORD) != fields_kept(RECORD):
         found.append(f"{beside} does not have {RECORD} with its fields")
     return found
 
