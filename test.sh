@@ -57,7 +57,7 @@ finish() {
 
 shell_scripts() {
   find "$NIMBRA_SOURCE/scripts" "$NIMBRA_SOURCE/tests" -name '*.sh'
-  printf '%s\n' "$NIMBRA_SOURCE"/{test,demo,package-tests}.sh "$NIMBRA_SOURCE/.ci/run"
+  printf '%s\n' "$NIMBRA_SOURCE"/{test,demo,bench,package-tests}.sh "$NIMBRA_SOURCE/.ci/run"
 }
 
 check_shell() {

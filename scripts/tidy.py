@@ -78,7 +78,7 @@ class Check:
         self.source = pathlib.Path(entry["file"])
         command = shlex.split(entry["command"])
         self._build = build
-        ours = f"^{re.escape(str(SOURCE))}/(examples|include|lib|simulator|tests|tools)/"
+        ours = f"^{re.escape(str(SOURCE))}/(bench|examples|include|lib|simulator|tests|tools)/"
         self._command = [tool, "--quiet", "-p", str(build), f"--header-filter={ours}"]
         if "mingw" in os.path.basename(command[0]):
             self._command += [f"--extra-arg={one}" for one in cross_arguments(command[0])]
