@@ -109,7 +109,7 @@ void AskSize(HANDLE item) {
 // Measures exports and writes their rows.
 class ExportBench {
  public:
-  explicit ExportBench(const Settings& settings) : settings_(settings) {}
+  explicit ExportBench(Settings settings) : settings_(std::move(settings)) {}
 
   // `functions` are called once in each operation, `direct` is what they stand beside.
   template <typename Direct, typename Export>
@@ -190,7 +190,7 @@ void AddRoots(ExportBench& bench, Arguments& a) {
       {"CORVWinCFSyncRootNew", "CORVWinCFSyncRootRelease"},
       [] {
         std::array<wchar_t, 257> name{};
-        DWORD length = static_cast<DWORD>(name.size());
+        auto length = static_cast<DWORD>(name.size());
         GetUserNameW(name.data(), &length);
       },
       [&a] {

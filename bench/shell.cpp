@@ -239,7 +239,7 @@ void MeasureThumbnails(const Settings& settings) {
 }
 
 void MeasureLog(const Settings& settings) {
-  const std::string path = "C:\\Users\\someone\\Drive\\Documents\\Quarterly report.docx";
+  const std::string path = R"(C:\Users\someone\Drive\Documents\Quarterly report.docx)";
   const Comparison times = Compare(
       settings.Short(), Repeat([] {
         OutputDebugStringW(

@@ -42,7 +42,7 @@ class Source {
   explicit Source(std::int64_t size) : size_(size) {
     const std::string path = size >= kMiB ? folder_.WriteLargeFile("source", size)
                                           : folder_.WriteFile("source", Content(size));
-    path_ = nimbra_test::Wide(path);
+    file_ = {nimbra_test::Wide(path), path};
     CORVWinCFPlaceholderOpen(placeholder_.Get());
   }
 
@@ -52,7 +52,7 @@ class Source {
   // Streams the file once and says how many transfers that took. Throws when bytes are missing.
   [[nodiscard]] std::int64_t CountTransfers(const StreamShape& shape) const {
     NullCloud::TakeTransfers();
-    shape.stream(path_);
+    shape.stream(file_);
     const NullCloud::Transfers transfers = NullCloud::TakeTransfers();
     if (transfers.bytes != size_) {
       throw std::runtime_error(shape.name + ": not all data was transferred");
@@ -60,18 +60,20 @@ class Source {
     return transfers.count;
   }
   [[nodiscard]] Batch BatchOf(const StreamShape& shape) const {
-    return Repeat([stream = shape.stream, path = path_] { stream(path); });
+    return Repeat([stream = shape.stream, file = file_] { stream(file); });
   }
   [[nodiscard]] std::int64_t Size() const { return size_; }
 
  private:
   static std::string Content(std::int64_t size) {
-    return std::string(static_cast<std::size_t>(size), 'x');
+    std::string content;
+    content.resize(static_cast<std::size_t>(size), 'x');
+    return content;
   }
 
   std::int64_t size_;
   nimbra_test::TempFolder folder_;
-  std::wstring path_;
+  LocalFile file_;
   nimbra_test::SyncRoot root_;
   nimbra_test::Placeholder placeholder_{folder_.WriteFile("placeholder", "")};
 };

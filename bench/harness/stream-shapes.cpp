@@ -10,7 +10,6 @@
 
 #include "common/cldapi-table.h"
 #include "common/owners.h"
-#include "common/text.h"
 
 namespace nimbra_bench {
 namespace {
@@ -61,8 +60,8 @@ void Transfer(const void* data, std::size_t size, std::int64_t& offset) {
 }
 
 StreamShape InPieces(std::string name, std::size_t size) {
-  return {std::move(name), [buffer = MakeBuffer(size)](const std::wstring& path) {
-            const UniqueFile file = Open(path);
+  return {std::move(name), [buffer = MakeBuffer(size)](const LocalFile& source) {
+            const UniqueFile file = Open(source.path);
             std::int64_t offset = 0;
             while (const std::size_t read = Read(file.Get(), buffer->data(), buffer->size())) {
               Transfer(buffer->data(), read, offset);
@@ -72,8 +71,8 @@ StreamShape InPieces(std::string name, std::size_t size) {
 
 StreamShape InPiecesWithCopy(std::string name, std::size_t size) {
   return {std::move(name),
-          [input = MakeBuffer(size), output = MakeBuffer(size)](const std::wstring& path) {
-            const UniqueFile file = Open(path);
+          [input = MakeBuffer(size), output = MakeBuffer(size)](const LocalFile& source) {
+            const UniqueFile file = Open(source.path);
             std::int64_t offset = 0;
             while (const std::size_t read = Read(file.Get(), input->data(), input->size())) {
               std::memcpy(output->data(), input->data(), read);
@@ -83,9 +82,21 @@ StreamShape InPiecesWithCopy(std::string name, std::size_t size) {
           1};
 }
 
+// The least, but for a buffer of fresh pages each time.
+void StreamWithNewBuffer(const LocalFile& source) {
+  constexpr std::size_t kSize = 4 * kMiB;
+  const UniqueFile file = Open(source.path);
+  void* const buffer = VirtualAlloc(nullptr, kSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+  std::int64_t offset = 0;
+  while (const std::size_t read = Read(file.Get(), buffer, kSize)) {
+    Transfer(buffer, read, offset);
+  }
+  VirtualFree(buffer, 0, MEM_RELEASE);
+}
+
 // One thread writes the file into a pipe; the other one appends what a read of the pipe gives to
 // what is left, hands over what makes whole blocks, and keeps the rest.
-void StreamThroughPipe(const std::wstring& path) {
+void StreamThroughPipe(const LocalFile& source) {
   constexpr std::size_t kPipe = 64 * kKiB;
   HANDLE readEnd = nullptr;
   HANDLE writeEnd = nullptr;
@@ -93,9 +104,9 @@ void StreamThroughPipe(const std::wstring& path) {
     throw std::runtime_error("no pipe");
   }
   const UniqueFile input(readEnd);
-  std::jthread writer([&path, writeEnd] {
+  std::jthread writer([&source, writeEnd] {
     const UniqueFile output(writeEnd);
-    const UniqueFile file = Open(path);
+    const UniqueFile file = Open(source.path);
     std::vector<std::byte> buffer(kPipe);
     while (const std::size_t read = Read(file.Get(), buffer.data(), buffer.size())) {
       DWORD written = 0;
@@ -122,10 +133,10 @@ void StreamThroughPipe(const std::wstring& path) {
 }
 
 // Small reads are appended to a growing block, which is copied and handed over when it is large.
-void StreamAccumulated(const std::wstring& path) {
+void StreamAccumulated(const LocalFile& source) {
   constexpr std::size_t kPiece = 64 * kKiB;
   constexpr std::size_t kLarge = 3686 * kKiB / kAlignment * kAlignment;
-  const UniqueFile file = Open(path);
+  const UniqueFile file = Open(source.path);
   std::vector<std::byte> buffer(kPiece);
   std::vector<std::byte> pending;
   std::int64_t offset = 0;
@@ -156,19 +167,19 @@ std::vector<StreamShape> OtherShapes() {
           InPieces("pieces of 16 KiB", 16 * kKiB),
           InPieces("pieces of 64 KiB", 64 * kKiB),
           InPiecesWithCopy("pieces of 512 KiB, copied", 512 * kKiB),
+          {"pieces of 4 MiB, new buffer each time", StreamWithNewBuffer},
           InPieces("pieces of 5 MiB", 5 * kMiB),
           {"through a pipe, concatenated", StreamThroughPipe, 3},
           {"accumulated, then sent", StreamAccumulated, 2}};
 }
 
 StreamShape LibraryShape(CORVWinCFSyncRootHandle root, CORVWinCFPlaceholderHandle placeholder) {
-  return {
-      "Nimbra", [root, placeholder](const std::wstring& path) {
-        const std::string utf8 = corvdrive::cloud_filter::WideToUtf8(path);
-        if (CORVWinCFSyncRootProactiveTransferToPlaceholder(root, placeholder, utf8.c_str()) != 0) {
-          throw std::runtime_error("the library could not transfer a file");
-        }
-      }};
+  return {"Nimbra", [root, placeholder](const LocalFile& source) {
+            if (CORVWinCFSyncRootProactiveTransferToPlaceholder(root, placeholder,
+                                                                source.utf8Path.c_str()) != 0) {
+              throw std::runtime_error("the library could not transfer a file");
+            }
+          }};
 }
 
 }  // namespace nimbra_bench

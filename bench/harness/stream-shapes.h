@@ -11,10 +11,16 @@
 
 namespace nimbra_bench {
 
+// A file to stream, named both ways.
+struct LocalFile {
+  std::wstring path;
+  std::string utf8Path;
+};
+
 // One way to hand a local file's data to the platform.
 struct StreamShape {
   std::string name;
-  std::function<void(const std::wstring& path)> stream;
+  std::function<void(const LocalFile& file)> stream;
   // How often the shape itself copies each byte in memory.
   int copies = 0;
 };

@@ -1,9 +1,9 @@
-"""One picture of each family: bars of the ratios, a tick where the baseline is."""
+"""One picture of each family: bars of the ratios, or of the exports' own times."""
 
 import html
 import math
 
-from .rows import FAMILIES, misses, value_text
+from .rows import FAMILIES, misses, quantity, value_text
 
 WIDTH, LABELS, BARS, LINE, HEAD = 980, 360, 430, 18, 64
 INK, SOFT, BAR, BAD, MARK = "#222", "#777", "#4a78a8", "#c0503a", "#222"
@@ -30,32 +30,64 @@ def tick(x, y, height):
     )
 
 
+class Ratios:
+    """How many times as long as the baseline; the tick is where both take the same."""
+
+    explanation = (
+        "Time by the baseline's, logarithmic: the tick is 1, to the left is faster. "
+        "At the right: ratio, time / the baseline's."
+    )
+    tick = 1.0
+    least, most = 0.5, 2.0
+
+    @staticmethod
+    def of(row):
+        return row["ratio"]
+
+
+class OwnTimes:
+    """Nanoseconds beyond the baseline, where the baseline is next to nothing."""
+
+    explanation = (
+        "Nanoseconds beyond the baseline's, logarithmic: the tick is 1 ns. "
+        "At the right: ratio, time / the baseline's."
+    )
+    tick = 1.0
+    least, most = 1.0, 1000.0
+
+    @staticmethod
+    def of(row):
+        return max(quantity(row, "own"), 1.0)
+
+
 class Scale:
-    """From the smallest to the largest ratio, logarithmic; 1 is always on it."""
+    """From the smallest to the largest figure, logarithmic."""
 
-    def __init__(self, ratios):
-        self.low = math.log10(min(0.5, *ratios) * 0.9)
-        self.high = math.log10(max(2.0, *ratios) * 1.1)
+    def __init__(self, measure, rows):
+        figures = [measure.of(row) for row in rows]
+        self.low = math.log10(min(measure.least, *figures) * 0.9)
+        self.high = math.log10(max(measure.most, *figures) * 1.1)
 
-    def at(self, ratio):
-        return LABELS + BARS * (math.log10(ratio) - self.low) / (self.high - self.low)
+    def at(self, figure):
+        return LABELS + BARS * (math.log10(figure) - self.low) / (self.high - self.low)
 
 
-def bar(row, y, scale):
-    one, end = scale.at(1), scale.at(row["ratio"])
+def bar(row, y, scale, measure):
+    one, end = scale.at(measure.tick), scale.at(measure.of(row))
     colour = BAD if misses(row) else BAR
-    note = f"{row['ratio']:.2f}   {value_text(row, row['subject'])} / {value_text(row, row['baseline'])}"
+    times = f"{value_text(row, row['subject'])} / {value_text(row, row['baseline'])}"
     return [
         text(LABELS - 8, y + 11, row["name"], "end", 11),
         rectangle(min(one, end), y + 2, abs(end - one), LINE - 7, colour),
         tick(one, y, LINE - 3),
-        text(LABELS + BARS + 10, y + 11, note, size=11, colour=SOFT),
+        text(LABELS + BARS + 10, y + 11, f"{row['ratio']:.2f}, {times}", size=11, colour=SOFT),
     ]
 
 
 def make_picture(family, rows):
     """The SVG text of a family's rows."""
-    scale = Scale([row["ratio"] for row in rows])
+    measure = OwnTimes if family == "exports" else Ratios
+    scale = Scale(measure, rows)
     body, y, group = [], HEAD, None
     for row in rows:
         if row["group"] != group:
@@ -63,17 +95,11 @@ def make_picture(family, rows):
             y += 8
             body.append(text(12, y + 11, group, weight="bold"))
             y += LINE
-        body += bar(row, y, scale)
+        body += bar(row, y, scale, measure)
         y += LINE
     head = [
         text(12, 24, FAMILIES[family], size=16, weight="bold"),
-        text(
-            12,
-            44,
-            "Time by the baseline's, logarithmic: the tick is 1, to the left is faster. "
-            "At the right: ratio, time / the baseline's.",
-            colour=SOFT,
-        ),
+        text(12, 44, measure.explanation, colour=SOFT),
     ]
     return "\n".join(
         [

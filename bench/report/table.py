@@ -1,9 +1,9 @@
 """The table of all rows."""
 
-from .rows import FAMILIES, limits_text, misses, value_text
+from .rows import FAMILIES, limits_text, misses, quantity, value_text
 
-COLUMNS = ("", "takes", "baseline", "ratio", "spread", "A/A", "allocations", "limit")
-WIDTHS = (50, 9, 9, 7, 7, 6, 12, 0)
+COLUMNS = ("", "takes", "baseline", "own", "ratio", "spread", "A/A", "allocations", "limit")
+WIDTHS = (50, 9, 9, 9, 7, 7, 6, 12, 0)
 
 
 def line(cells):
@@ -33,6 +33,7 @@ def cells(row):
         f"  {row['name']}"[: WIDTHS[0]],
         value_text(row, row["subject"]),
         value_text(row, row["baseline"]),
+        value_text(row, quantity(row, "own")),
         f"{row['ratio']:.2f}",
         f"{row['spread']:.1%}",
         f"{row['noise']:.1%}",
