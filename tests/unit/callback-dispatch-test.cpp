@@ -81,19 +81,21 @@ TEST_F(CallbackDispatchTest, TheSessionNumberIsReadFromTheIdentity) {
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
-const std::vector<std::string> kUnreadable = {
-    kPrefix,
-    kPrefix + "x",
-    kPrefix + "-",
-    kPrefix + " ",
-    kPrefix + "2147483648",
-    kPrefix + "-2147483649",
-    kPrefix + "18446744073709551615",
-    kPrefix + std::string(400, '9'),
-};
+std::vector<std::string> UnreadableIdentities() {
+  return {
+      kPrefix,
+      kPrefix + "x",
+      kPrefix + "-",
+      kPrefix + " ",
+      kPrefix + "2147483648",
+      kPrefix + "-2147483649",
+      kPrefix + "18446744073709551615",
+      kPrefix + std::string(400, '9'),
+  };
+}
 
 TEST_F(CallbackDispatchTest, AFetchWithAnUnreadableSessionIsFailedSoThatNobodyWaits) {
-  for (const std::string& identity : kUnreadable) {
+  for (const std::string& identity : UnreadableIdentities()) {
     SCOPED_TRACE(identity);
     log_.Clear();
     cloud_.Clear();
@@ -128,7 +130,7 @@ TEST_F(CallbackDispatchTest, OtherEventsWithAnUnreadableSessionAreDroppedWithOne
     if (row.kind == kFetch) {
       continue;
     }
-    for (const std::string& identity : kUnreadable) {
+    for (const std::string& identity : UnreadableIdentities()) {
       SCOPED_TRACE(std::string(row.name) + " " + identity);
       log_.Clear();
       CallbackEvent event = Event(row.type);
