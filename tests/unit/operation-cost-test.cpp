@@ -113,6 +113,64 @@ std::vector<OperationRow> PlaceholderOperations() {
        {"CfHydratePlaceholder"},
        0,
        1},
+      {"DehydrateAll",
+       [](Test test) { CORVWinCFPlaceholderDehydrateAll(test.Item()); },
+       {"CfUpdatePlaceholder"},
+       0,
+       0},
+      {"Revert",
+       [](Test test) { CORVWinCFPlaceholderRevertToNormal(test.Item()); },
+       {"CfRevertPlaceholder"},
+       0,
+       0},
+      {"IsExcluded", [](Test test) { CORVWinCFPlaceholderIsExcluded(test.Item()); }, {info}, 0, 0},
+      {"IsHydrated",
+       [](Test test) { CORVWinCFPlaceholderIsFullyHydrated(test.Item()); },
+       {info},
+       0,
+       0},
+      {"Unpin", [](Test test) { CORVWinCFPlaceholderUnpin(test.Item()); }, {"CfSetPinState"}, 0, 0},
+      {"ForceUnpin",
+       [](Test test) { CORVWinCFPlaceholderForceUnpin(test.Item()); },
+       {"CfSetPinState"},
+       0,
+       0},
+      {"SetExcluded",
+       [](Test test) { CORVWinCFPlaceholderSetExcluded(test.Item()); },
+       {"CfSetPinState"},
+       0,
+       0},
+      {"SetNotInSync",
+       [](Test test) { CORVWinCFPlaceholderSetNotInSync(test.Item()); },
+       {"CfSetInSyncState"},
+       0,
+       0},
+      {"IsPlaceholderByFindData",
+       [](Test) {
+         const WIN32_FIND_DATAW found{};
+         CORVWinCFIsPlaceholderByFindData(&found);
+       },
+       {"CfGetPlaceholderStateFromFindData"},
+       0,
+       0},
+  };
+}
+
+std::vector<OperationRow> ObjectOperations() {
+  return {
+      // The object, its path and the handle's cell.
+      {"PlaceholderLife",
+       [](Test test) {
+         CORVWinCFPlaceholderHandle other = nullptr;
+         CORVWinCFPlaceholderNew(&other, test.Path());
+         CORVWinCFPlaceholderRelease(other);
+       },
+       {},
+       0,
+       3},
+      // The object and the handle's cell.
+      {"DelegatorLife", [](Test) { const Delegator other; }, {}, 0, 2},
+      {"MetadataLife", [](Test) { const Metadata other(1, 2, 3, 4, 5, 0); }, {}, 0, 2},
   };
 }
 
@@ -136,6 +194,19 @@ std::vector<OperationRow> RootOperations() {
       {"AckDelete",
        [](Test test) { CORVWinCFSyncRootAckDelete(test.Root(), 1, 0, 0); },
        {"CfExecute"},
+       0,
+       0},
+      {"PlatformInfo",
+       [](Test) {
+         CORVWinCFPlatformInfo info{};
+         CORVWinCFGetPlatformInfo(&info);
+       },
+       {"CfGetPlatformInfo"},
+       0,
+       0},
+      {"Disconnect",
+       [](Test test) { CORVWinCFSyncRootDisconnect(test.Root()); },
+       {"CfDisconnectSyncRoot"},
        0,
        0},
       {"SyncRootIdentity",
@@ -173,6 +244,8 @@ TEST_P(OperationCostRowTest, MakesTheCallsItIsForAndFewElse) {
 
 INSTANTIATE_TEST_SUITE_P(Placeholders, OperationCostRowTest,
                          testing::ValuesIn(PlaceholderOperations()),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Objects, OperationCostRowTest, testing::ValuesIn(ObjectOperations()),
                          testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(Roots, OperationCostRowTest, testing::ValuesIn(RootOperations()),
                          testing::PrintToStringParamName());
