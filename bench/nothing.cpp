@@ -1,13 +1,11 @@
-// A DLL that does nothing, with what of the compiler's runtime the library has too: streams,
+// A DLL that does nothing, with what of the compiler's runtime the library has too:
 // exceptions, threads and containers.
 
 #include <windows.h>
 
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -18,10 +16,8 @@ extern "C" __declspec(dllexport) int NimbraBenchNothing(int number) {
   const std::lock_guard lock(mutex);
   std::thread([] {}).join();
   try {
-    std::ostringstream text;
-    text << number;
     const std::map<std::string, std::shared_ptr<int>> numbers{
-        {text.str(), std::make_shared<int>(number)}};
+        {std::to_string(number), std::make_shared<int>(number)}};
     return *numbers.at(std::to_string(number));
   } catch (const std::exception&) {
     return -1;

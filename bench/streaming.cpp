@@ -124,7 +124,7 @@ void MeasureShapes(const Source& source, double cost, const Effort& effort) {
   for (std::size_t i = 0; i < shapes.size(); ++i) {
     Row row = RowOf(source, shapes[i], cost, comparisons[i]);
     row.group += ", other shapes beside the library";
-    if (cost == kUsualCost && source.Size() >= kLarge) {
+    if (cost == kUsualCost && source.Size() >= kLarge && !shapes[i].isExplanation) {
       row.limits = {{"ratio", 1, false}};
     }
     Write(row);

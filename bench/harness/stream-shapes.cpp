@@ -167,7 +167,7 @@ std::vector<StreamShape> OtherShapes() {
           InPieces("pieces of 16 KiB", 16 * kKiB),
           InPieces("pieces of 64 KiB", 64 * kKiB),
           InPiecesWithCopy("pieces of 512 KiB, copied", 512 * kKiB),
-          {"pieces of 4 MiB, new buffer each time", StreamWithNewBuffer},
+          {"pieces of 4 MiB, new buffer each time", StreamWithNewBuffer, 0, true},
           InPieces("pieces of 5 MiB", 5 * kMiB),
           {"through a pipe, concatenated", StreamThroughPipe, 3},
           {"accumulated, then sent", StreamAccumulated, 2}};

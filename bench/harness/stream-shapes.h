@@ -23,6 +23,8 @@ struct StreamShape {
   std::function<void(const LocalFile& file)> stream;
   // How often the shape itself copies each byte in memory.
   int copies = 0;
+  // Shows where time goes, and is nobody's way.
+  bool isExplanation = false;
 };
 
 // The least: one buffer of 4 MiB, made before, into which is read and from which is handed over.
