@@ -34,6 +34,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace nimbra {
 
@@ -304,9 +305,27 @@ class [[nodiscard]] Connection {
   /** None. */
   Connection() noexcept = default;
 
+  Connection(Connection&& other) noexcept
+      : root_(std::move(other.root_)), result_(std::exchange(other.result_, kNone)) {}
+  /** Ends the connection that there was. If it was of the same root, it goes on as the new one. */
+  Connection& operator=(Connection&& other) noexcept {
+    if (this != &other) {
+      if (root_ == other.root_) {
+        static_cast<void>(root_.release());  // to end it would end the new one
+      }
+      root_ = std::move(other.root_);
+      result_ = std::exchange(other.result_, kNone);
+    }
+    return *this;
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() = default;
+
   /** Whether there is one. */
   explicit operator bool() const noexcept { return root_ != nullptr; }
-  /** How connecting went; E_POINTER where nothing was connected. */
+  /** How connecting went; E_POINTER where nothing was connected, or no longer is: after Disconnect,
+   * and after a move to another object. */
   Result GetResult() const noexcept { return result_; }
 
   /** Ends it. Callbacks may run meanwhile, but none after it succeeded. On failure there still is
@@ -315,17 +334,20 @@ class [[nodiscard]] Connection {
     const Result result(CORVWinCFSyncRootDisconnect(root_.get()));
     if (result) {
       static_cast<void>(root_.release());
+      result_ = kNone;
     }
     return result;
   }
 
  private:
   friend class SyncRoot;
+  static constexpr Result kNone{static_cast<CORVWinCFHresult>(0x80004003)};
+
   Connection(CORVWinCFSyncRootHandle root, CORVWinCFHresult result) noexcept
       : root_(result >= 0 ? root : nullptr), result_(result) {}
 
   detail::Owner<CORVWinCFSyncRootHandleRecord, detail::DisconnectSyncRoot> root_;
-  Result result_{static_cast<CORVWinCFHresult>(0x80004003)};
+  Result result_ = kNone;
 };
 
 template <typename Client>
@@ -359,7 +381,8 @@ class SyncRoot {
   /** Unregisters the folder. FILES THAT ARE NOT FULLY HYDRATED ARE DELETED. */
   Result Unregister() noexcept { return Result(CORVWinCFSyncRootUnregister(Get())); }
 
-  /** Has the callbacks called from now on, already before it returns, until the connection ends. */
+  /** Has the callbacks called from now on, already before it returns, until the connection ends.
+   * Connect a root once: it has one connection at a time, and keep one Connection for it. */
   template <typename Client>
   Connection Connect(const CallbackDelegator<Client>& callbacks) noexcept {
     return {Get(), CORVWinCFSyncRootConnect(Get(), callbacks.Get())};

@@ -160,6 +160,10 @@ class ConnectionTest : public cpp_layer_test::CppLayerTest {
  protected:
   ConnectionTest() { nimbra_.Take(); }
 
+  static std::uint32_t CodeOf(const nimbra::Connection& connection) {
+    return static_cast<std::uint32_t>(connection.GetResult().Code());
+  }
+
   Client client_;
   nimbra::SyncRoot root_{"C:\\Sync", 1};
   Delegator delegator_{client_};
@@ -180,8 +184,7 @@ TEST_F(ConnectionTest, IsNoneWhereConnectingFails) {
   {
     const auto connection = root_.Connect(delegator_);
     EXPECT_FALSE(connection);
-    EXPECT_EQ(static_cast<std::uint32_t>(connection.GetResult().Code()),
-              cpp_layer_test::kAccessDenied);
+    EXPECT_EQ(CodeOf(connection), cpp_layer_test::kAccessDenied);
     nimbra_.Take();
   }
   EXPECT_THAT(nimbra_.Take(), IsEmpty());
@@ -231,6 +234,40 @@ TEST_F(ConnectionTest, MovesToAnotherObject) {
     EXPECT_FALSE(connection);  // NOLINT(bugprone-use-after-move): that it is empty is promised
   }
   EXPECT_THAT(nimbra_.Take(), ElementsAre("SyncRootDisconnect(1)"));
+}
+
+TEST_F(ConnectionTest, GoesOnWhenItsRootIsConnectedAnewAndAssignedToIt) {
+  {
+    auto connection = root_.Connect(delegator_);
+    connection = root_.Connect(delegator_);
+    EXPECT_TRUE(connection);
+    EXPECT_TRUE(connection.GetResult());
+    EXPECT_THAT(nimbra_.Take(), ElementsAre("SyncRootConnect(1, 2)", "SyncRootConnect(1, 2)"));
+  }
+  EXPECT_THAT(nimbra_.Take(), ElementsAre("SyncRootDisconnect(1)"));
+}
+
+TEST_F(ConnectionTest, EndsWhenThatOfAnotherRootIsAssigned) {
+  nimbra::SyncRoot other("C:\\Other", 2);
+  nimbra_.Take();
+  {
+    auto connection = root_.Connect(delegator_);
+    connection = other.Connect(delegator_);
+    EXPECT_THAT(nimbra_.Take(), ElementsAre("SyncRootConnect(1, 2)", "SyncRootConnect(3, 2)",
+                                            "SyncRootDisconnect(1)"));
+  }
+  EXPECT_THAT(nimbra_.Take(), ElementsAre("SyncRootDisconnect(3)"));
+}
+
+TEST_F(ConnectionTest, SaysThatThereIsNoneAfterItWasMovedOrEnded) {
+  auto first = root_.Connect(delegator_);
+  nimbra::Connection second(std::move(first));
+  EXPECT_EQ(CodeOf(first), cpp_layer_test::kNullPointer);  // NOLINT(bugprone-use-after-move)
+  EXPECT_TRUE(second.GetResult());
+  first = std::move(second);
+  EXPECT_EQ(CodeOf(second), cpp_layer_test::kNullPointer);  // NOLINT(bugprone-use-after-move)
+  EXPECT_TRUE(first.Disconnect());
+  EXPECT_EQ(CodeOf(first), cpp_layer_test::kNullPointer);
 }
 
 TEST_F(ConnectionTest, EndsBeforeTheRootAndTheDelegatorThatAreDeclaredBeforeIt) {
