@@ -18,8 +18,11 @@
  * it is a Result, which is true for success too. Questions are answered with std::optional or with
  *     a `bool` that is true for yes; false means no or not known, as with the C functions.
  *  4. Exceptions. No function throws but for want of memory (std::bad_alloc), or where its
- *     description says so. Those that are declared noexcept do not throw at all. Callbacks that are
- *     set through CallbackDelegator may throw: it ends in this header, not in the platform.
+ *     description says so. Two exceptions come out of the DLL itself, of PlaceholderMetadata's
+ *     constructor and StartShellServices: a client built with the DLL's own kind of compiler
+ *     (MinGW's GCC) can catch them; with any other, expect the process to end. Those that are
+ *     declared noexcept do not throw at all. Callbacks that are set through CallbackDelegator may
+ *     throw: it ends in this header, not in the platform.
  *  5. Threads. As for nimbra.h: any function may be called from any thread, but one Placeholder
  *     by one thread at a time, and callbacks are set before they are connected. Moving an owner, or
  *     ending it, while another thread uses it is the caller's mistake, as with any other object.
@@ -434,6 +437,8 @@ class SyncRoot {
  * platform's threads, at the same time as others:
  *
  *     class Client {
+ *       Client(const Client&) = delete;  // nor can it be moved
+ *       Client& operator=(const Client&) = delete;
  *       void OnFetch(const nimbra::CallbackRecord& record);
  *       nimbra::SyncRoot root_{R"(C:\Cloud)", 1};
  *       nimbra::CallbackDelegator<Client> callbacks_{*this};
@@ -601,8 +606,8 @@ void SetThumbnailRetriever() noexcept {
 /** From now on there are no thumbnails. A request that runs already may still use the function. */
 inline void ClearThumbnailRetriever() noexcept { CORVWinCFSetThumbRetrieverCb(nullptr); }
 
-/** Serves thumbnails from this process until it ends. Call it once. Throws std::system_error when
- * its thread cannot be started. */
+/** Serves thumbnails from this process until it ends. Call it once. When its thread cannot be
+ * started, std::system_error (or std::bad_alloc) leaves the DLL, for those who can catch it. */
 inline void StartShellServices() { CORVWinCFStartShellServices(); }
 
 }  // namespace nimbra

@@ -4,6 +4,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "cpp-layer-test.h"
@@ -27,6 +28,8 @@ class Client {
     connection_ = root_.Connect(callbacks_);
     if (!connection_) Report(connection_.GetResult().Code());
   }
+  Client(const Client&) = delete;  // nor can it be moved: callbacks_ refers to it
+  Client& operator=(const Client&) = delete;
 
  private:
   void OnFetch(const nimbra::CallbackRecord& record) {
@@ -54,6 +57,8 @@ namespace {
 using cpp_layer_test::kAccessDenied;
 using testing::Contains;
 using testing::ElementsAre;
+
+static_assert(!std::is_move_constructible_v<Client> && !std::is_move_assignable_v<Client>);
 
 class GuideTest : public cpp_layer_test::CppLayerTest {
  protected:
