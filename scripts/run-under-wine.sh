@@ -7,7 +7,7 @@
 #   --prefix-name NAME  a prefix of this name that calls share; otherwise a call has its prefix to
 #                       itself while it runs
 #
-# NIMBRA_TEST_TIMEOUT  seconds after which the program and what it started are killed (120; 0: never); 0: never
+# NIMBRA_TEST_TIMEOUT  seconds after which the program and all it started are killed (120; 0: never)
 # NIMBRA_WORK          the folder of the prefixes and all else that is made
 
 # shellcheck source=scripts/lib.sh

@@ -4,7 +4,9 @@
  *     minimal <empty folder> <local file>        e.g. minimal C:\Cloud C:\Photos\cat.jpg
  *
  * A whole client of Nimbra, to start one's own from. Its program needs a manifest that names
- * Windows 10 (see cmake/host.manifest), which also makes its arguments UTF-8.
+ * Windows 10 (host.manifest). From version 1903 on that also makes main's arguments, and names of
+ * files for the C library, UTF-8; on 1803 and 1809 only ASCII is sure to work. For these, have
+ * wmain instead, convert its arguments to UTF-8 for Nimbra, and open files with _wfopen.
  */
 #define _CRT_SECURE_NO_WARNINGS /* Microsoft's compiler would rather not see fopen */
 
