@@ -242,9 +242,12 @@ TEST_P(OutOfMemoryTest, ATranslatorLeftWithoutAnyMemoryStillFailsAFetch) {
       [&](auto&& watched, const bool& failed) {
         receiver_.Clear();
         cloud_.Clear();
+        log_.Clear();
         watched([&] { EXPECT_NO_THROW(cloud_.Play(event)); });
         const bool delivered = receiver_.All().size() == 1;
         EXPECT_TRUE(delivered || failed);
+        // There is always room for the line.
+        EXPECT_EQ(log_.Lines().size(), delivered ? 0u : 1u);
         const auto answers = cloud_.CallsOf<ExecuteCall>();
         if (GetParam().kind != kFetch || delivered) {
           EXPECT_THAT(answers, IsEmpty());

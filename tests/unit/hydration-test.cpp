@@ -225,6 +225,30 @@ TEST_F(AsyncHydrationTest, RecordsOfFinishedRequestsDoNotPileUp) {
   EXPECT_LE(after100, after10);
 }
 
+TEST_F(AsyncHydrationTest, RecordsBehindRequestsThatNeverFinishDoNotPileUpEither) {
+  cloud_.LeaveOverlappedPending(true);
+  std::vector<OVERLAPPED*> unfinished;
+  for (int i = 0; i < 20; ++i) {
+    unfinished.push_back(Start());
+  }
+  constexpr int kFinished = 400;
+  int live = 0;
+  {
+    const HeapWatch heap;
+    for (int i = 0; i < kFinished; ++i) {
+      CORVWinCFPlaceholderHydrateAllAsync(placeholder_.Get());
+      const TestScope scope;
+      RecordingCloud::Complete(cloud_.CallsOf<HydratePlaceholderCall>().back().overlapped.address);
+    }
+    live = heap.LiveBlocks();
+  }
+  // Those that wait for their turn to be looked at, not all that ever finished.
+  EXPECT_LE(live, 20);
+  for (OVERLAPPED* record : unfinished) {
+    RecordingCloud::Complete(record);
+  }
+}
+
 TEST_F(AsyncHydrationTest, ARecordOfARequestThatIsNotPendingIsFreedAtOnce) {
   struct {
     const char* name;

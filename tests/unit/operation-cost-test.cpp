@@ -58,7 +58,7 @@ using Test = const OperationCostTest&;
 std::vector<OperationRow> PlaceholderOperations() {
   const std::string info = "CfGetPlaceholderInfo";
   return {
-      {"Open", [](Test test) { CORVWinCFPlaceholderOpen(test.Item()); }, {}, 1, 0},
+      {"Open", [](Test test) { EXPECT_EQ(CORVWinCFPlaceholderOpen(test.Item()), 0); }, {}, 1, 0},
       // The object keeps the path.
       {"IsPlaceholder", [](Test test) { CORVWinCFIsPlaceholder(test.Path()); }, {info}, 1, 1},
       {"IsFullyHydrated", [](Test test) { CORVWinCFIsFullyHydrated(test.Path()); }, {info}, 1, 1},
@@ -286,6 +286,8 @@ class CountingRoot : public corvdrive::cloud_filter::SyncRootWinCF {
   std::set<const void*> buffers;
 };
 
+using PagesDouble = ImportDouble<"VirtualAlloc", decltype(&::VirtualAlloc)>;
+
 class TransferCountTest : public OpenPlaceholderTest {
  protected:
   // A local file that is said to have that size and costs no reading.
@@ -302,7 +304,7 @@ class TransferCountTest : public OpenPlaceholderTest {
           *done = length;
           return TRUE;
         });
-    const ImportDouble<"VirtualAlloc", decltype(&::VirtualAlloc)> pages;
+    const PagesDouble pages(makePages_);
     corvdrive::cloud_filter::PlaceholderWinCF placeholder(path_);
     ASSERT_TRUE(placeholder.Open());
     {
@@ -314,6 +316,7 @@ class TransferCountTest : public OpenPlaceholderTest {
   }
 
   CountingRoot root_;
+  PagesDouble::Handler makePages_;
   int reads_ = 0;
   std::set<const void*> readInto_;
   int allocations_ = -1;
@@ -338,6 +341,19 @@ TEST_F(TransferCountTest, ASmallFileIsOneTransferAndTakesNothingFromTheHeap) {
   EXPECT_EQ(reads_, 1);
   EXPECT_EQ(root_.buffers, readInto_) << "nothing is copied";
   EXPECT_EQ(allocations_, 0);
+}
+
+TEST_F(TransferCountTest, ASmallFilesTransferTouchesNothingOfTheBufferPastIt) {
+  makePages_ = [](auto original, LPVOID at, SIZE_T size, DWORD type, DWORD protection) {
+    const LPVOID memory = original(at, size, type, protection);
+    DWORD before = 0;
+    EXPECT_TRUE(
+        VirtualProtect(static_cast<char*>(memory) + 4096, size - 4096, PAGE_NOACCESS, &before));
+    return memory;
+  };
+  Transfer(4096);
+  EXPECT_EQ(buffers_, 1);
+  EXPECT_EQ(root_.transfers, 1);
 }
 
 TEST_F(TransferCountTest, AnEmptyFileNeedsNoBuffer) {

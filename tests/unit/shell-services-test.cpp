@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <latch>
 #include <new>
 #include <optional>
 #include <string>
@@ -68,7 +67,7 @@ class ShellServicesTest : public ThumbnailTest {
   std::vector<HANDLE> events_;
   std::atomic<HANDLE> waitedFor_ = nullptr;
   std::atomic<DWORD> threadOfCalls_ = 0;
-  std::latch* holdsInitialize_ = nullptr;
+  std::atomic<bool> holdsInitialize_ = false;
   const ThreadWatch threads_;
 
  private:
@@ -78,7 +77,7 @@ class ShellServicesTest : public ThumbnailTest {
       [this](auto, LPVOID reserved, DWORD model) {
         threadOfCalls_ = GetCurrentThreadId();
         journal_.Note("CoInitializeEx " + NullOr(reserved) + " " + std::to_string(model));
-        if (holdsInitialize_ != nullptr) holdsInitialize_->wait();
+        while (holdsInitialize_) Sleep(1);
         return initializeResult_;
       }};
   ImportDouble<"CoRegisterClassObject", decltype(&::CoRegisterClassObject)> register_{
@@ -139,12 +138,11 @@ TEST_F(ShellServicesTest, ThreadGivesNothingBackWhenItEnds) {
 }
 
 TEST_F(ShellServicesTest, CallReturnsWhileTheThreadStillWorks) {
-  std::latch hold(1);
-  holdsInitialize_ = &hold;
+  holdsInitialize_ = true;
   CORVWinCFStartShellServices();
   EXPECT_EQ(threads_.Running().size(), 1U);
   EXPECT_THAT(factories_, IsEmpty());
-  hold.count_down();
+  holdsInitialize_ = false;
   ASSERT_TRUE(threads_.WaitUntilEnded());
   EXPECT_THAT(journal_.Entries(), IsWholeRun());
 }

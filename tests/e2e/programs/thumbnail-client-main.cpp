@@ -10,11 +10,11 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <latch>
 #include <mutex>
 #include <set>
 #include <span>
@@ -77,10 +77,12 @@ Fields GetMany(const Fields& command) {
   PrepareProxies(paths.at(0));
   std::mutex mutex;
   std::set<std::string> seen;
-  std::latch start(static_cast<std::ptrdiff_t>(count));
+  // Not a std::latch: under Wine its waiters are now and then not woken.
+  std::atomic<std::size_t> missing = count;
   const auto run = [&](std::size_t first) {
     const Apartment apartment;
-    start.arrive_and_wait();
+    --missing;
+    while (missing > 0) std::this_thread::yield();
     for (std::size_t number = 0; number < paths.size(); ++number) {
       const auto index = (first + number) % paths.size();
       const auto thumbnail = RequestThumbnail(paths[index], kUsualSize);

@@ -1,4 +1,3 @@
-#include <cstring>
 
 #include "common/cldapi-table.h"
 #include "common/text.h"
@@ -159,7 +158,7 @@ void CORVWinCFPlaceholderGetFileIdentity(CORVWinCFPlaceholderHandle handle, void
   static_cast<void>(WithPlaceholder(handle, [&](PlaceholderWinCF& placeholder) {
     const PlaceholderInfoWinCF info(&placeholder);
     if (buffer != nullptr) {
-      std::memcpy(buffer, info.FileIdentity().data(), info.FileIdentity().size());
+      info.FileIdentity().copy(static_cast<char*>(buffer), info.FileIdentity().size());
     }
     return info.IsValid();
   }));
