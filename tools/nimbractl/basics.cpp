@@ -35,6 +35,11 @@ std::string BytesText(std::int64_t bytes) {
   return text;
 }
 
+std::string YesNo(std::optional<bool> value) {
+  if (!value) return "-";
+  return *value ? "yes" : "no";
+}
+
 std::string Count(std::int64_t number, const std::string& noun) {
   return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }

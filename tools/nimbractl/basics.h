@@ -4,6 +4,7 @@
 // What all of nimbractl is written with: text, exit codes, failures.
 
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -27,6 +28,9 @@ struct Failure : std::runtime_error {
 
 // A number of bytes for people: "12.3 MB".
 [[nodiscard]] std::string BytesText(std::int64_t bytes);
+
+// "yes" or "no", and "-" for what is not known.
+[[nodiscard]] std::string YesNo(std::optional<bool> value);
 
 // A count with its noun: "1 file", "2 files".
 [[nodiscard]] std::string Count(std::int64_t number, const std::string& noun);

@@ -1,10 +1,9 @@
 // nimbractl explorer: entries in Explorer's navigation pane.
 
-#include <nimbra/nimbra.h>
 #include <windows.h>
+#include <nimbra/nimbra.hpp>
 
 #include <charconv>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "json.h"
 #include "platform.h"
 #include "registry.h"
+#include "results.h"
 
 namespace nimbractl {
 namespace {
@@ -66,11 +66,9 @@ std::optional<Entry> ReadEntry(const std::wstring& clsid) {
 }
 
 std::string NewClsid() {
-  char* text = nullptr;
-  if (CORVWinCFGenerateGuid(&text) != 0) throw Failure("Windows makes no new GUID", "try again");
-  const std::unique_ptr<char, void (*)(char*)> owner(
-      text, [](char* released) { CORVWinCFReleaseGuid(released); });
-  return text;
+  const auto clsid = nimbra::GenerateGuid();
+  if (!clsid) throw Failure("Windows makes no new GUID", "try again");
+  return *clsid;
 }
 
 std::string NameOf(const std::wstring& folder) {
@@ -81,8 +79,6 @@ std::string NameOf(const std::wstring& folder) {
 std::uint64_t FolderIdFrom(const std::string& clsid) {
   return NumberIn(clsid.substr(1, clsid.find('-') - 1), 16).value_or(0);
 }
-
-constexpr char kLogAdvice[] = "nimbractl log, in another window, shows what the library reports";
 
 }  // namespace
 

@@ -44,8 +44,6 @@ Program Examine(const std::string& path) {
   return {Utf8(AbsolutePath(path)), lists, gate};
 }
 
-std::string YesNo(bool value) { return value ? "yes" : "no"; }
-
 std::string VersionText(const std::string& version) {
   return version.empty() ? "no version in its resources" : version;
 }

@@ -156,23 +156,19 @@ void PrintFailure(const Failure& failure) {
         std::string("nimbractl: ") + failure.what() + "\n  " + failure.advice + "\n");
 }
 
-OpenItem::OpenItem(const Item& item) : name_(item.Name()) {
-  CORVWinCFPlaceholderHandle handle = nullptr;
-  if (CORVWinCFPlaceholderNew(&handle, PlaceholderPath(item.path).c_str()) != 0) {
-    throw std::bad_alloc();
-  }
-  handle_.reset(handle);
+OpenItem::OpenItem(const Item& item) : name_(item.Name()), item_(PlaceholderPath(item.path)) {
+  if (!item_) throw std::bad_alloc();
   Do(CORVWinCFPlaceholderOpen, "cannot be opened");
 }
 
 void OpenItem::Do(CORVWinCFStatus (*function)(CORVWinCFPlaceholderHandle),
                   const std::string& whatFailed) const {
   LibraryLogCapture log;
-  if (function(handle_.get()) == 0) return;
+  if (function(Handle()) == 0) return;
   auto result = log.Result();
   if (!result) {
     // Not every failure is told; what is no placeholder is the usual reason, and asking tells that.
-    static_cast<void>(CORVWinCFPlaceholderIsPlaceholder(handle_.get()));
+    static_cast<void>(item_.IsPlaceholder());
     result = log.Result();
   }
   const auto what = name_ + " " + whatFailed;

@@ -3,11 +3,10 @@
 
 // The files and folders that a command works on.
 
-#include <nimbra/nimbra.h>
+#include <nimbra/nimbra.hpp>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -58,9 +57,9 @@ class OpenItem {
   // Throws a Failure if it cannot be opened.
   explicit OpenItem(const Item& item);
 
-  [[nodiscard]] CORVWinCFPlaceholderHandle Handle() const { return handle_.get(); }
+  [[nodiscard]] CORVWinCFPlaceholderHandle Handle() const { return item_.Get(); }
   [[nodiscard]] bool Is(CORVWinCFStatus (*question)(CORVWinCFPlaceholderHandle)) const {
-    return question(handle_.get()) == 0;
+    return question(Handle()) == 0;
   }
   // Throws a Failure, "<path> <whatFailed>: <why>", if the function gives anything but 0.
   void Do(CORVWinCFStatus (*function)(CORVWinCFPlaceholderHandle),
@@ -68,8 +67,7 @@ class OpenItem {
 
  private:
   std::string name_;
-  std::unique_ptr<CORVWinCFPlaceholderHandleRecord, decltype(&CORVWinCFPlaceholderRelease)> handle_{
-      nullptr, CORVWinCFPlaceholderRelease};
+  nimbra::Placeholder item_;
 };
 
 // Bytes that an item takes on the disk; nothing if Windows does not tell.

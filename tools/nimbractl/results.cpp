@@ -111,8 +111,7 @@ std::string ResultText(std::int32_t result) {
 
 std::string ResultAdvice(std::int32_t result) {
   const auto* known = Find(result);
-  return known != nullptr ? known->advice
-                          : "nimbractl log, in another window, shows what the library reports";
+  return known != nullptr ? known->advice : kLogAdvice;
 }
 
 std::string ErrorText(std::uint32_t error) { return ResultText(HRESULT_FROM_WIN32(error)); }

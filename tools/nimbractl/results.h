@@ -10,7 +10,11 @@ namespace nimbractl {
 // "0x80070188 ERROR_CLOUD_FILE_PINNED, it is pinned".
 [[nodiscard]] std::string ResultText(std::int32_t result);
 
-// What to do about it; a general hint where there is nothing better.
+// What to do where there is nothing better.
+inline constexpr char kLogAdvice[] =
+    "nimbractl log, in another window, shows what the library reports";
+
+// What to do about it.
 [[nodiscard]] std::string ResultAdvice(std::int32_t result);
 
 // The same of a Win32 error code.

@@ -36,11 +36,6 @@ State Ask(const Item& item) {
   return state;
 }
 
-std::string YesNo(std::optional<bool> value) {
-  if (!value) return "-";
-  return *value ? "yes" : "no";
-}
-
 std::string NumberText(const std::optional<std::int64_t>& number) {
   return number ? std::to_string(*number) : "-";
 }
