@@ -1,5 +1,6 @@
 """nimbractl: each command, as it goes well and as it fails, held against what is really there."""
 
+import datetime
 import json
 import os
 import pathlib
@@ -111,6 +112,18 @@ class Items(NimbractlCase):
             self.assertEqual(self.file_state(path)["path"], dos_path(root.path / "a.txt"))
         folder = self.run_ctl("state", "--json", dos_path(root.path) + "\\").json[0]
         self.assertEqual(folder["path"], dos_path(root.path))
+
+    def test_a_name_that_looks_like_a_list_is_one_name(self):
+        root = self.new_root()
+        names = ["[2024, Rome]", "[a]", "{}"]
+        for name in names:
+            root.create(name, 5000)
+        for given in (names, *([name] for name in names)):
+            items = self.run_ctl("state", "--json", *given, cwd=root.path).json
+            self.assertEqual(
+                [(item["path"], item["placeholder"]) for item in items],
+                [(dos_path(root.path / name), True) for name in given],
+            )
 
     def test_a_missing_item_fails_by_name_and_the_others_are_done(self):
         root = self.new_root()
@@ -312,6 +325,18 @@ class Roots(NimbractlCase):
         self.assertNotIn(str(folder), [root["path"] for root in self.daemon.status()["roots"]])
         self.assertIn("lies in no sync root", self.failure("unregister", folder))
 
+    def test_only_the_folder_of_a_sync_root_is_registered_again(self):
+        folder = self.new_folder("root")
+        inside = folder / "inside"
+        inside.mkdir()
+        errors = self.failure("register", folder, "--session", 72, "--again")
+        self.assertIn(f"{dos_path(folder)} lies in no sync root", errors)
+        self.run_ctl("register", folder, "--session", 72)
+        errors = self.failure("register", inside, "--session", 73, "--again")
+        self.assertIn(f"{dos_path(inside)} lies inside a sync root, but is not its folder", errors)
+        self.assertEqual(self.entries()[dos_path(folder)]["identity"], f"{PREFIX}72")
+        self.run_ctl("unregister", folder)
+
     def test_what_cannot_be_a_sync_root_is_named(self):
         missing = self.folder / "no such folder"
         self.assertIn(dos_path(missing), self.failure("register", missing, "--session", 1))
@@ -474,6 +499,15 @@ class DebugOutput(NimbractlCase):
         self.assertEqual((ours["source"], ours["number"]), ("win-cf\\placeholder", 183))
         self.assertEqual(ours["result"], -2147024504)
         self.assertEqual(ours["message"], "Failed to dehydrate all, reason: -2147024504")
+
+    def test_as_json_the_time_is_a_moment_whatever_the_zone(self):
+        start = datetime.datetime.now(datetime.timezone.utc)
+        log = Listener(self, "--json", TZ="America/St_Johns")
+        self.speak(self.LINE + "1\r\n")
+        text = json.loads(log.wait_for("dehydrate all"))["time"]
+        self.assertRegex(text, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}-0[23]:30$")
+        time = datetime.datetime.fromisoformat(text)
+        self.assertLess(abs(time - start), datetime.timedelta(minutes=2))
 
     def test_pid_leaves_the_lines_of_one_process(self):
         wanted = subprocess.Popen(

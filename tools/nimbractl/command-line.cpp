@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -26,6 +27,13 @@ Exit codes: 0 all went well, 1 something failed, 2 wrong arguments, 3 the platfo
 (nimbractl info tells why). Failures are written to the error stream.)";
 
 constexpr char kSeveralItems[] = "files and folders; the last part of one may have wildcards";
+
+// Where the parser takes several values, "[a, b]" is a list to it and "{}" an empty one; both are
+// good names of files.
+std::string AsOnePath(const std::string& argument) {
+  const bool isList = argument.starts_with('[') && argument.ends_with(']');
+  return isList || argument == "{}" ? ".\\" + argument : argument;
+}
 
 // What the chosen command is to do, once the arguments are understood.
 using Chosen = std::function<ExitCode()>;
@@ -51,6 +59,9 @@ class CommandLine {
   }
 
   ExitCode Run(std::vector<std::string> arguments) {
+    if (!arguments.empty() && takesItems_.count(arguments.front()) > 0) {
+      std::transform(arguments.begin(), arguments.end(), arguments.begin(), AsOnePath);
+    }
     std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
     try {
       app_.parse(std::move(arguments));
@@ -96,7 +107,8 @@ class CommandLine {
     return {command, options};
   }
 
-  static void AddPaths(CLI::App& command, ItemOptions& options, bool recursive = true) {
+  void AddPaths(CLI::App& command, ItemOptions& options, bool recursive = true) {
+    takesItems_.insert(command.get_name());
     command.add_option("PATH", options.paths, kSeveralItems)->required();
     if (recursive) {
       command.add_flag("-r,--recursive", options.recursive,
@@ -327,6 +339,7 @@ class CommandLine {
       "Looks into, and changes, what the Cloud Files platform knows of files and folders,\n"
       "for support and development of clients of Nimbra.",
       "nimbractl"};
+  std::set<std::string> takesItems_;  // the commands with several paths
   Chosen chosen_;
 };
 

@@ -3,10 +3,13 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
@@ -43,23 +46,85 @@ class StopOnControlC {
   UniqueKernelObject event_;
 };
 
-std::string ProgramName(DWORD processId) {
-  const UniqueKernelObject process(
-      OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  std::wstring path(32768, L'\0');
-  auto length = static_cast<DWORD>(path.size());
-  if (!process || !QueryFullProcessImageNameW(process.get(), 0, path.data(), &length)) return "?";
-  path.resize(length);
-  return Utf8(path.substr(path.rfind(L'\\') + 1));
+// The names of processes. No other process gets the id of one for as long as its name is kept.
+class ProcessNames {
+ public:
+  std::string NameOf(DWORD processId) {
+    auto found = names_.find(processId);
+    if (found == names_.end()) {
+      std::erase_if(names_, [](const auto& one) { return one.second.HasEnded(); });
+      UniqueKernelObject process(
+          OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, FALSE, processId));
+      if (!process) return "?";
+      auto name = ProgramOf(process.get());
+      found = names_.emplace(processId, Named{std::move(process), std::move(name)}).first;
+    }
+    return found->second.name;
+  }
+
+ private:
+  struct Named {
+    UniqueKernelObject process;  // holds the id
+    std::string name;
+    [[nodiscard]] bool HasEnded() const {
+      return WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0;
+    }
+  };
+
+  static std::string ProgramOf(HANDLE process) {
+    std::wstring path(32768, L'\0');
+    auto length = static_cast<DWORD>(path.size());
+    if (!QueryFullProcessImageNameW(process, 0, path.data(), &length)) return "?";
+    path.resize(length);
+    return Utf8(path.substr(path.rfind(L'\\') + 1));
+  }
+
+  std::map<DWORD, Named> names_;
+};
+
+// A moment as this machine's clock on the wall shows it.
+struct LocalTime {
+  SYSTEMTIME time{};
+  int minutesEastOfUtc = 0;
+};
+
+std::int64_t Ticks(const SYSTEMTIME& time) {
+  FILETIME ticks{};
+  SystemTimeToFileTime(&time, &ticks);
+  return static_cast<std::int64_t>(ticks.dwHighDateTime) << 32U | ticks.dwLowDateTime;
 }
 
-std::string TimeText(const SYSTEMTIME& time) {
+LocalTime Now() {
+  constexpr std::int64_t kTicksPerMinute = 600'000'000;
+  SYSTEMTIME utc{};
+  GetSystemTime(&utc);
+  LocalTime now;
+  if (!SystemTimeToTzSpecificLocalTime(nullptr, &utc, &now.time)) return {utc, 0};
+  now.minutesEastOfUtc = static_cast<int>((Ticks(now.time) - Ticks(utc)) / kTicksPerMinute);
+  return now;
+}
+
+// "13:05:59.123"
+std::string TimeText(const LocalTime& now) {
+  const auto& time = now.time;
   char text[16];
   std::snprintf(text, sizeof text, "%02u:%02u:%02u.%03u", static_cast<unsigned>(time.wHour % 100U),
                 static_cast<unsigned>(time.wMinute % 100U),
                 static_cast<unsigned>(time.wSecond % 100U),
                 static_cast<unsigned>(time.wMilliseconds % 1000U));
   return text;
+}
+
+// "2026-02-28T13:05:59.123+01:00", of ISO 8601
+std::string DateTimeText(const LocalTime& now) {
+  const auto& time = now.time;
+  const auto offset = static_cast<unsigned>(std::abs(now.minutesEastOfUtc));
+  char date[16], zone[16];
+  std::snprintf(date, sizeof date, "%04u-%02u-%02uT", static_cast<unsigned>(time.wYear % 10000U),
+                static_cast<unsigned>(time.wMonth % 100U), static_cast<unsigned>(time.wDay % 100U));
+  std::snprintf(zone, sizeof zone, "%c%02u:%02u", now.minutesEastOfUtc < 0 ? '-' : '+',
+                offset / 60U % 100U, offset % 60U);
+  return date + TimeText(now) + zone;
 }
 
 class Viewer {
@@ -75,39 +140,31 @@ class Viewer {
     }
     const auto parsed = ParseLibraryLine(line.text);
     if (!parsed && !options_.all) return true;
-    SYSTEMTIME now{};
-    GetLocalTime(&now);
+    const auto now = Now();
     return WriteLine(Stream::kOutput,
                      options_.json ? AsJson(now, line, parsed) : AsText(now, line, parsed));
   }
 
  private:
-  // A process has one name for as long as it writes; its id may be another's later.
-  const std::string& NameOf(DWORD processId) {
-    auto& name = names_[processId];
-    if (name.empty() || name == "?") name = ProgramName(processId);
-    return name;
-  }
-
   static std::string WithoutLineBreak(std::string text) {
     text.erase(text.find_last_not_of("\r\n") + 1);
     return text;
   }
 
-  std::string AsText(const SYSTEMTIME& now, const DebugOutput::Line& line,
+  std::string AsText(const LocalTime& now, const DebugOutput::Line& line,
                      const std::optional<LibraryLine>& parsed) {
-    auto text = TimeText(now) + "  " + NameOf(line.processId) + " (" +
+    auto text = TimeText(now) + "  " + names_.NameOf(line.processId) + " (" +
                 std::to_string(line.processId) + ")  ";
     if (!parsed) return text + WithoutLineBreak(line.text);
     return text + ReadableMessage(parsed->message) + "  [" + parsed->source + " " +
            std::to_string(parsed->number) + "]";
   }
 
-  std::string AsJson(const SYSTEMTIME& now, const DebugOutput::Line& line,
+  std::string AsJson(const LocalTime& now, const DebugOutput::Line& line,
                      const std::optional<LibraryLine>& parsed) {
-    Json json{{"time", TimeText(now)},
+    Json json{{"time", DateTimeText(now)},
               {"pid", line.processId},
-              {"program", NameOf(line.processId)},
+              {"program", names_.NameOf(line.processId)},
               {"library", parsed.has_value()}};
     if (parsed) {
       json["source"] = parsed->source;
@@ -121,7 +178,7 @@ class Viewer {
   }
 
   const LogOptions& options_;
-  std::map<DWORD, std::string> names_;
+  ProcessNames names_;
 };
 
 // Milliseconds until the end; nothing when it has come.

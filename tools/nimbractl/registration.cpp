@@ -1,9 +1,8 @@
 // nimbractl register and unregister: sync roots.
 
-#include <nimbra/nimbra.h>
+#include <nimbra/nimbra.hpp>
 
 #include <charconv>
-#include <memory>
 #include <new>
 #include <optional>
 #include <string>
@@ -19,20 +18,15 @@ namespace {
 
 constexpr std::string_view kIdentityStart = "Corvane.Drive.FileStreaming.session.";
 
-struct SyncRootReleaser {
-  void operator()(CORVWinCFSyncRootHandle handle) const { CORVWinCFSyncRootRelease(&handle); }
-};
-using SyncRoot = std::unique_ptr<CORVWinCFSyncRootHandleRecord, SyncRootReleaser>;
-
-SyncRoot NewSyncRoot(const std::wstring& path, std::uint64_t session) {
-  CORVWinCFSyncRootHandle handle = nullptr;
-  if (CORVWinCFSyncRootNew(&handle, Utf8(path).c_str(), session) != 0) throw std::bad_alloc();
-  return SyncRoot(handle);
+nimbra::SyncRoot NewSyncRoot(const Item& folder, std::uint64_t session) {
+  nimbra::SyncRoot root(folder.Name(), session);
+  if (!root) throw std::bad_alloc();
+  return root;
 }
 
-void Require(CORVWinCFHresult result, const std::string& whatFailed) {
-  if (result >= 0) return;
-  throw Failure(whatFailed + ": " + ResultText(result), ResultAdvice(result));
+void Require(nimbra::Result result, const std::string& whatFailed) {
+  if (result) return;
+  throw Failure(whatFailed + ": " + ResultText(result.Code()), ResultAdvice(result.Code()));
 }
 
 // The number in an identity of this library's clients.
@@ -56,9 +50,9 @@ std::uint64_t RequireSyncRoot(const Item& folder) {
     throw Failure(folder.Name() + " lies inside a sync root, but is not its folder", advice);
   }
   const auto session = SessionOf(*identity);
-  if (!session || CORVWinCFIsPathUnderCorvDriveSyncRoot(folder.Name().c_str()) != 0) {
+  if (!session || nimbra::IsInForeignSyncRoot(folder.Name())) {
     throw Failure(folder.Name() + " is a sync root of another provider",
-                  "remove it with that provider's own program");
+                  "leave it to that provider's own program");
   }
   return *session;
 }
@@ -93,14 +87,15 @@ ExitCode RunRegister(const RegisterOptions& options) {
   RequirePlatform();
   const auto folder = FindItem(AbsolutePath(options.path));
   if (!folder.isFolder) throw Failure(folder.Name() + " is a file", "name a folder");
-  const auto known = SyncRootIdentity(folder.path);
-  if (known && !options.again) {
+  if (options.again) {
+    RequireSyncRoot(folder);
+  } else if (const auto known = SyncRootIdentity(folder.path)) {
     throw Failure(folder.Name() + " lies in a sync root already, " + *known,
                   "register it anew with --again, or nimbractl unregister it first");
   }
-  const auto root = NewSyncRoot(folder.path, options.session);
-  const auto function = options.again ? CORVWinCFSyncRootReregister : CORVWinCFSyncRootRegister;
-  Require(function(root.get(), options.name.c_str()), folder.Name() + " was not registered");
+  auto root = NewSyncRoot(folder, options.session);
+  Require(options.again ? root.Reregister(options.name) : root.Register(options.name),
+          folder.Name() + " was not registered");
   WriteLine(Stream::kOutput, "registered " + folder.Name() + " as " +
                                  SyncRootIdentity(folder.path).value_or("(unknown)"));
   return ExitCode::kOk;
@@ -111,8 +106,7 @@ ExitCode RunUnregister(const UnregisterOptions& options) {
   const auto folder = FindItem(AbsolutePath(options.path));
   const auto session = RequireSyncRoot(folder);
   if (!options.deleteOnlineOnly) RefuseLoss(folder);
-  const auto root = NewSyncRoot(folder.path, session);
-  Require(CORVWinCFSyncRootUnregister(root.get()), folder.Name() + " was not unregistered");
+  Require(NewSyncRoot(folder, session).Unregister(), folder.Name() + " was not unregistered");
   WriteLine(Stream::kOutput, "unregistered " + folder.Name());
   return ExitCode::kOk;
 }

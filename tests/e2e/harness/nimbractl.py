@@ -39,11 +39,14 @@ class NimbractlCase(EndToEndCase):
     def endpoint(cls):
         return {"CLOUD_FILTER_ENDPOINT": str(cls.daemon.endpoint)}
 
-    def run_ctl(self, *arguments, code=0, program=None, prefix=None):
+    def run_ctl(self, *arguments, code=0, program=None, prefix=None, cwd=None):
         """Runs it to its end; paths are given as Windows has them."""
         answer = Answer(
             (prefix or self.prefix).run(
-                program or self.bin / self.program, *_texts(arguments), **self.endpoint()
+                program or self.bin / self.program,
+                *_texts(arguments),
+                cwd=cwd,
+                **self.endpoint(),
             )
         )
         self.assertEqual(answer.code, code, answer.output + answer.errors)
@@ -61,13 +64,13 @@ class NimbractlCase(EndToEndCase):
 class Listener:
     """nimbractl log while it runs."""
 
-    def __init__(self, case, *arguments):
+    def __init__(self, case, *arguments, **environment):
         self.process = subprocess.Popen(
             [wine_program(), str(case.bin / case.program), "log", *_texts(arguments)],
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            env=case.prefix.environment(**case.endpoint()),
+            env=case.prefix.environment(**case.endpoint(), **environment),
         )
         case.addCleanup(self.stop)
         self.lines, self.notes = [], []

@@ -65,11 +65,12 @@ class WinePrefix:
     def program(self, executable, log, **environment):
         return Program([wine_program(), str(executable)], self.environment(**environment), log)
 
-    def run(self, executable, *arguments, timeout=60, **environment):
+    def run(self, executable, *arguments, timeout=60, cwd=None, **environment):
         return subprocess.run(
             [wine_program(), str(executable), *arguments],
             env=self.environment(**environment),
             stdin=subprocess.DEVNULL,
             capture_output=True,
             timeout=timeout,
+            cwd=cwd,
         )
