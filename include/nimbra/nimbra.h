@@ -46,7 +46,6 @@
 
 #ifndef __cplusplus
 #include <stdbool.h>
-#include <wchar.h>
 #endif
 
 #ifdef __cplusplus
