@@ -78,6 +78,15 @@ class MinGW(LinkingCase):
         flags = shlex.split(package.run("pkg-config", "--cflags", "--libs", "nimbra", env=settings))
         self.assert_works(self.build(*flags, self.manifest()))
 
+    def test_the_documented_way_with_pkg_config_gives_a_program_with_the_manifest(self):
+        document = (package.SOURCE / "docs" / "packaging.md").read_text(encoding="utf-8")
+        recipe = re.search(r"### pkg-config\n\n```sh\n(.*?)```", document, re.S).group(1)
+        folder = folder_with_library()
+        shutil.copy(CONSUMER / "client.c", folder)
+        recipe = recipe.replace("<folder of the package>", str(package.installed()))
+        package.run("sh", "-ec", recipe, cwd=folder)
+        self.assert_works(folder / "client.exe")
+
 
 class MSVC(LinkingCase):
     def test_a_program_links_with_its_import_library_and_runs(self):
@@ -139,7 +148,21 @@ class CMake(LinkingCase):
     def test_a_project_for_another_system_is_told_why_not(self):
         result, _ = self.configure(package.installed())
         self.assertNotEqual(result.returncode, 0)
-        self.assertIn("Nimbra is for 64-bit Windows only.", result.stdout)
+        self.assertIn("Nimbra is for x64 Windows only.", result.stdout)
+
+    def test_a_project_for_another_processor_is_told_why_not(self):
+        for toolchain, target in (
+            ("mingw.cmake", "set(CMAKE_SYSTEM_PROCESSOR ARM64)"),
+            ("clang-msvc.cmake", "set(CMAKE_C_COMPILER_TARGET aarch64-pc-windows-msvc)"),
+        ):
+            with self.subTest(toolchain):
+                file = package.new_folder() / "toolchain.cmake"
+                file.write_text(f'include("{CONSUMER}/{toolchain}")\n{target}\n', encoding="utf-8")
+                result, _ = self.configure(
+                    package.installed(), f"-DCMAKE_TOOLCHAIN_FILE={file}"
+                )
+                self.assertNotEqual(result.returncode, 0)
+                self.assertIn("Nimbra is for x64 Windows only.", result.stdout)
 
     def test_a_project_that_wants_a_later_version_does_not_get_it(self):
         major, minor, _ = package.version().split(".")
