@@ -59,7 +59,7 @@ class CommandLine {
   }
 
   ExitCode Run(std::vector<std::string> arguments) {
-    if (!arguments.empty() && takesItems_.count(arguments.front()) > 0) {
+    if (!arguments.empty() && takesItems_.contains(arguments.front())) {
       std::transform(arguments.begin(), arguments.end(), arguments.begin(), AsOnePath);
     }
     std::reverse(arguments.begin(), arguments.end());  // the parser takes them from the end
