@@ -5,11 +5,14 @@ The interface is the DLL's exports, and what the public header declares: functio
 and the records with the place of each field, as three compilers lay them out. A difference is an
 error: programs that exist were built against the baseline.
 
-To change the interface on purpose, change the header and the library, run this with --update, and
-commit the new baseline with a new version (CMakeLists.txt).
+To change the interface on purpose, change the header and the library, raise the version
+(CMakeLists.txt), run this with --update, and commit the new baseline with them. A change that breaks
+programs is refused unless the version says so: a higher minor version while the major one is 0, and
+a higher major one afterwards.
 """
 
 import argparse
+import re
 import sys
 from pathlib import Path
 
@@ -18,6 +21,9 @@ import interface  # noqa: E402
 
 HERE = Path(__file__).resolve().parent
 BASELINE = HERE / "baseline.txt"
+PROJECT = HERE.parents[1] / "CMakeLists.txt"
+VERSION = "version"  # the baseline's entry for the version that it is of
+HEADER_KINDS = ("function", "constant", "type", "record", "field")
 HEADING = """\
 # The binary interface that programs are built against: see check.py, which also writes this file.
 """
@@ -77,14 +83,47 @@ def part(entries, *kinds):
     return {what: value for what, value in entries.items() if what.split(" ")[0] in kinds}
 
 
+def project_version():
+    return re.search(r"^project\(Nimbra VERSION (\d+\.\d+\.\d+)", PROJECT.read_text(), re.M).group(1)
+
+
+def allows_breaking(was, now):
+    """Whether a version after another one tells programs that they may break."""
+    was, now = ([int(number) for number in version.split(".")] for version in (was, now))
+    telling = 2 if was[0] == 0 else 1  # how many of the numbers
+    return now[:telling] > was[:telling]
+
+
+def update(header, library, version):
+    """Writes the baseline anew; gives False, and leaves it, where the version forbids the change."""
+    baseline = parse(BASELINE.read_text())
+    first = next(iter(interface.COMPILERS))
+    current = {**interface.of_library(library), **interface.of_header(header, first)}
+    lines, breaking = differences(part(baseline, "export", *HEADER_KINDS), current)
+    if breaking and not allows_breaking(baseline[VERSION], version):
+        print(f"{BASELINE.name} is of version {baseline[VERSION]}, and this is {version}:", *lines,
+              advice(breaking), sep="\n")
+        return False
+    BASELINE.write_text(written({VERSION: version, **current}))
+    print(f"{BASELINE} is written. Look at its difference before you commit it.")
+    return True
+
+
+def is_of(baseline, version):
+    if baseline[VERSION] == version:
+        return True
+    print(f"{BASELINE.name} is of version {baseline[VERSION]}, and this is {version}: run "
+          "tests/abi/check.py --update --library <Nimbra.dll>")
+    return False
+
+
 def check(baseline, header, library):
-    kinds = ("function", "constant", "type", "record", "field")
     same = report("The DLL", part(baseline, "export"), interface.of_library(library))
     for compiler in interface.COMPILERS:
         current = interface.of_header(header, compiler)
-        same &= report(f"The header, as {compiler} sees it,", part(baseline, *kinds), current)
+        same &= report(f"The header, as {compiler} sees it,", part(baseline, *HEADER_KINDS), current)
     if same:
-        print(f"{len(baseline)} entries of {BASELINE.name}: the DLL, and the header with "
+        print(f"{len(baseline) - 1} entries of {BASELINE.name}: the DLL, and the header with "
               f"{len(interface.COMPILERS)} compilers, are as it says.")
     return same
 
@@ -98,12 +137,12 @@ def main():
     parser.add_argument("--update", action="store_true", help="write the baseline anew")
     options = parser.parse_args()
     try:
-        if options.update:
-            first = next(iter(interface.COMPILERS))
-            BASELINE.write_text(written({**interface.of_library(options.library),
-                                         **interface.of_header(options.header, first)}))
-            print(f"{BASELINE} is written. Look at its difference before you commit it.")
-        return 0 if check(parse(BASELINE.read_text()), options.header, options.library) else 1
+        version = project_version()
+        if options.update and not update(options.header, options.library, version):
+            return 1
+        baseline = parse(BASELINE.read_text())
+        same = check(baseline, options.header, options.library)
+        return 0 if is_of(baseline, version) and same else 1
     except (interface.InterfaceError, OSError, ValueError) as error:
         print(f"check.py: {error}", file=sys.stderr)
         return 2

@@ -11,6 +11,7 @@ import sys
 import tempfile
 import unittest
 from pathlib import Path
+from unittest import mock
 
 sys.dont_write_bytecode = True
 import check  # noqa: E402
@@ -122,7 +123,58 @@ class ChangedExports(unittest.TestCase):
         self.assertNotIn("major", said)
 
 
+class Update(unittest.TestCase):
+    OLD, BREAKING = "CORVWinCFTransferAborted = 3", "CORVWinCFTransferAborted = 4"
+    ADDED = "CORVWinCFTransferAborted = 3,\n  CORVWinCFTransferMore = 4"
+
+    def updated(self, was, now, new):
+        """Whether the baseline of version `was` is written anew for a changed header."""
+        with tempfile.TemporaryDirectory() as folder:
+            header, baseline = Path(folder) / "nimbra.h", Path(folder) / "baseline.txt"
+            header.write_text(HEADER.read_text().replace(self.OLD, new))
+            before = check.written({**check.parse(check.BASELINE.read_text()), check.VERSION: was})
+            baseline.write_text(before)
+            output = io.StringIO()
+            with mock.patch.object(check, "BASELINE", baseline):
+                with contextlib.redirect_stdout(output):
+                    done = check.update(header, LIBRARY, now)
+            self.said, after = output.getvalue(), baseline.read_text()
+        if done:
+            self.assertEqual(check.parse(after)[check.VERSION], now)
+        else:
+            self.assertEqual(after, before)
+        return done
+
+    def test_a_breaking_change_is_refused_under_the_same_version(self):
+        self.assertFalse(self.updated("0.1.0", "0.1.0", self.BREAKING))
+        self.assertIn("is of version 0.1.0, and this is 0.1.0", self.said)
+        self.assertIn("changed  constant CORVWinCFTransferAborted: 3", self.said)
+        self.assertIn("raise the version", self.said)
+
+    def test_a_breaking_change_is_written_where_the_version_tells_of_it(self):
+        self.assertTrue(self.updated("0.1.0", "0.2.0", self.BREAKING))
+
+    def test_an_addition_needs_no_other_version(self):
+        self.assertTrue(self.updated("0.1.0", "0.1.0", self.ADDED))
+
+    def test_before_1_0_a_minor_version_tells_and_afterwards_a_major_one(self):
+        for was, now, allowed in (
+            ("0.1.0", "0.1.1", False), ("0.1.9", "0.2.0", True), ("0.9.0", "0.10.0", True),
+            ("0.9.0", "1.0.0", True), ("1.0.0", "1.1.0", False), ("1.9.9", "2.0.0", True),
+            ("2.0.0", "1.9.0", False), ("0.2.0", "0.1.0", False),
+        ):
+            with self.subTest(was=was, now=now):
+                self.assertEqual(check.allows_breaking(was, now), allowed)
+
+
 class Baseline(unittest.TestCase):
+    def test_one_of_another_version_is_noticed(self):
+        baseline = check.parse(check.BASELINE.read_text())
+        with contextlib.redirect_stdout(io.StringIO()) as output:
+            self.assertTrue(check.is_of(baseline, baseline[check.VERSION]))
+            self.assertFalse(check.is_of(baseline, "99.0.0"))
+        self.assertIn("--update", output.getvalue())
+
     def test_the_dll_exports_exactly_what_the_header_declares(self):
         baseline = check.parse(check.BASELINE.read_text())
         names = {kind: {what.split(" ")[1] for what in check.part(baseline, kind)}
