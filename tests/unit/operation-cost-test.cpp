@@ -55,6 +55,7 @@ void PrintTo(const OperationRow& row, std::ostream* out) { *out << row.name; }
 
 using Test = const OperationCostTest&;
 
+// NOLINTNEXTLINE(readability-function-size): a table.
 std::vector<OperationRow> PlaceholderOperations() {
   const std::string info = "CfGetPlaceholderInfo";
   return {
