@@ -97,7 +97,8 @@ class MSVC(LinkingCase):
         source = CONSUMER / "client.c"
         package.run(*compiler, *options, *headers, "-c", source, "-o", folder / "client.obj")
         manifest = prefix / "share" / "nimbra" / "host-manifest.rc"
-        package.run("llvm-rc-19", "/fo", folder / "manifest.res", manifest)
+        # Without the dashes a path such as /checkout/… would be read as the option /c.
+        package.run("llvm-rc-19", "/fo", folder / "manifest.res", "--", manifest)
         linker = ("lld-link-19", "/nologo", "/nodefaultlib", "/subsystem:console", "/WX")
         libraries = (kernel32(), prefix / "lib" / "Nimbra.lib")
         objects = ("client.obj", "manifest.res")
