@@ -190,6 +190,15 @@ void Core::Invalidate(const ItemPtr& item) {
   if (frontEnd != nullptr) frontEnd->Invalidate(item->record.inode);
 }
 
+void Core::FolderChanged(const RootPtr& root, ino_t inode) {
+  std::shared_ptr<FrontEnd> frontEnd;
+  {
+    Guard guard(*this);
+    frontEnd = root->frontEnd;
+  }
+  if (frontEnd != nullptr) frontEnd->FolderChanged(inode);
+}
+
 void Core::EndConnection(Guard& guard, const RootPtr& root, Hresult why) {
   if (root->connection == nullptr) return;
   hydration.RootGone(guard, *root, why);

@@ -70,6 +70,8 @@ class FrontEnd {
   // Drops what the kernel keeps of a file's data; all of it before this returns, unless a read of
   // the file is under way. Not to be called under a lock.
   virtual void Invalidate(ino_t inode) = 0;
+  // The API has changed what is known of a folder, or what is in it.
+  virtual void FolderChanged(ino_t inode) = 0;
 };
 
 struct Root {
@@ -153,6 +155,7 @@ class Core {
 
   // Without the lock: drops what the kernel keeps of the item's data.
   void Invalidate(const ItemPtr& item);
+  void FolderChanged(const RootPtr& root, ino_t inode);
 
   // Ends a connection: what waits for the provider fails with `why`.
   void EndConnection(Guard& guard, const RootPtr& root, Hresult why);

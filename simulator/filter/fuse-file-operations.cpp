@@ -203,6 +203,8 @@ void GiveOpenFile(fuse_req_t request, Node& node, UniqueFd fd, ItemPtr item, fus
   // Otherwise the kernel empties the file's cache at every open, and for that the open waits for
   // the reads under way: the server of a Wine prefix would wait for its own provider.
   info->keep_cache = 1;
+  // Who cannot write has no errors of late writes to be told at its close.
+  info->noflush = (info->flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
   mount.Files().Opened(file->File(), thread);
   const auto result = created == nullptr ? fuse_reply_open(request, info)
                                          : fuse_reply_create(request, created, info);

@@ -1,7 +1,7 @@
 #include "fuse-mount.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 
@@ -18,6 +18,13 @@ constexpr int kWorkers = 4;
 // The kernel waits for the reads of a page under way before it drops the page, and such a read can
 // wait for the very provider that asked for this.
 constexpr std::chrono::milliseconds kInvalidationPatience{500};
+
+bool Add(int epoll, int fd, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
+}
 
 }  // namespace
 
@@ -68,17 +75,31 @@ bool FuseMount::Mount(std::string& error) {
   }
   const auto fd = fuse_session_fd(session_);
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-  for (int i = 0; i < kWorkers; ++i) workers_.emplace_back([this] { Work(); });
+  for (int i = 0; i < kWorkers; ++i) {
+    UniqueFd requests(epoll_create1(EPOLL_CLOEXEC));
+    // A request wakes one worker, not all of them.
+    if (!requests || !Add(requests.Get(), fd, EPOLLIN | EPOLLEXCLUSIVE) ||
+        !Add(requests.Get(), stop_.Get(), EPOLLIN)) {
+      error = "the system gives nothing to wait for requests with";
+      return false;
+    }
+    requests_.push_back(std::move(requests));
+  }
+  for (const auto& requests : requests_) {
+    workers_.emplace_back([this, &requests] { Work(requests.Get()); });
+  }
   invalidator_ = std::thread([this] { WorkOnInvalidations(); });
   return true;
 }
 
-void FuseMount::Work() {
+void FuseMount::Work(int requests) {
   fuse_buf buffer{};
-  pollfd waits[] = {{fuse_session_fd(session_), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
   while (!fuse_session_exited(session_)) {
-    if (poll(waits, 2, -1) < 0 && errno != EINTR) break;
-    if ((waits[1].revents & POLLIN) != 0) break;
+    epoll_event event{};
+    const auto count = epoll_wait(requests, &event, 1, -1);
+    if (count < 0 && errno != EINTR) break;
+    if (count <= 0) continue;
+    if (event.data.fd == stop_.Get()) break;
     const auto got = fuse_session_receive_buf(session_, &buffer);
     if (got == -EINTR || got == -EAGAIN) continue;
     if (got <= 0) break;
@@ -121,6 +142,14 @@ void FuseMount::Invalidate(ino_t inode) {
   invalidationChanged_.notify_all();
   invalidationChanged_.wait_for(lock, kInvalidationPatience,
                                 [&] { return invalidationsDone_ >= mine || ending_; });
+}
+
+void FuseMount::FolderChanged(ino_t inode) {
+  const auto* node = inode == root_->inode ? &nodes_.Root() : nodes_.Find(inode);
+  if (node == nullptr) return;
+  const auto id = node == &nodes_.Root() ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(node);
+  // Attributes alone: for them the kernel waits for nobody.
+  fuse_lowlevel_notify_inval_inode(session_, id, -1, 0);
 }
 
 void FuseMount::WorkOnInvalidations() {

@@ -32,6 +32,7 @@ class FuseMount : public FrontEnd {
   FuseMount& operator=(const FuseMount&) = delete;
 
   void Invalidate(ino_t inode) override;
+  void FolderChanged(ino_t inode) override;
 
   [[nodiscard]] FileService& Files() { return files_; }
   [[nodiscard]] NodeTable& Nodes() { return nodes_; }
@@ -58,7 +59,7 @@ class FuseMount : public FrontEnd {
  private:
   FuseMount(Core& core, const RootPtr& root);
   bool Mount(std::string& error);
-  void Work();
+  void Work(int requests);
   void WorkOnInvalidations();
 
   Core& core_;
@@ -67,6 +68,8 @@ class FuseMount : public FrontEnd {
   NodeTable nodes_;
   fuse_session* session_ = nullptr;
   UniqueFd stop_;
+  // What each worker waits with.
+  std::vector<UniqueFd> requests_;
   std::vector<std::thread> workers_;
   std::mutex openedMutex_;
   std::unordered_map<std::uint64_t, std::shared_ptr<void>> opened_;

@@ -160,6 +160,7 @@ int LookUp(FuseMount& mount, const HeldNode& folder, const char* name, fuse_entr
   }
   entry.ino = reinterpret_cast<fuse_ino_t>(
       mount.Nodes().Intern(*folder.node, name, std::move(reference), entry.attr));
+  entry.attr_timeout = entry.entry_timeout = KeptSeconds(entry.attr);
   return 0;
 }
 

@@ -51,8 +51,10 @@ void ReplyAttributes(fuse_req_t request, int reference) {
   if (fstatat(reference, "", &facts, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW) != 0) {
     return ReplyError(request, errno);
   }
-  fuse_reply_attr(request, &facts, 0);
+  fuse_reply_attr(request, &facts, KeptSeconds(facts));
 }
+
+double KeptSeconds(const struct stat& facts) { return S_ISDIR(facts.st_mode) ? 1 : 0; }
 
 bool IsWhoAmI(fuse_ino_t folder, const char* name) {
   return folder == FUSE_ROOT_ID && std::strcmp(name, wire::kWhoAmIName) == 0;

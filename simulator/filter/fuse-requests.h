@@ -44,9 +44,11 @@ HeldNode Hold(fuse_req_t request, fuse_ino_t id);
 Waiting AboutToWait(fuse_req_t request);
 
 void ReplyError(fuse_req_t request, int error);
-// Attributes as they are now; nothing is ever kept by the kernel, for calls of the API change files
-// behind its back.
 void ReplyAttributes(fuse_req_t request, int reference);
+// For how many seconds the kernel keeps a name and its attributes. Those of files not at all, for
+// calls of the API change files behind its back. What these change about a folder, the kernel is
+// told: every use of a path asks for each folder in it, twice.
+double KeptSeconds(const struct stat& facts);
 
 // Finds `name` in a folder: counts the look-up and fills `entry`. 0 or an errno.
 int LookUp(FuseMount& mount, const HeldNode& folder, const char* name, fuse_entry_param& entry);

@@ -158,6 +158,8 @@ class PlaceholderService::Batch {
     prepared.record = RecordOf(entry, surroundings);
     result.result = HresultOfErrno(MakeFile(folder_.reference.Get(), entry, prepared));
     if (result.result != hr::kOk) return false;
+    // A folder could be seen before it had its times.
+    if (prepared.facts.IsDirectory()) core_.FolderChanged(folder_.root, prepared.facts.inode);
     names_.names.insert(FoldCase(entry.relativeName));
     prepared_.push_back(std::move(prepared));
     return true;
@@ -229,6 +231,7 @@ Hresult PlaceholderService::Create(const std::string& folder, std::uint32_t flag
     if (batch.IsFull() && !batch.Flush() && stops) break;
   }
   batch.Flush();
+  core_.FolderChanged(located.root, located.facts.inode);
   // Documented: the call's result is the first failure.
   for (const auto& row : results) {
     if (row.result != hr::kOk) return row.result;

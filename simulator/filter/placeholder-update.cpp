@@ -83,6 +83,7 @@ Hresult PlaceholderService::UpdateItem(const wire::ItemRef& ref, const Update& u
   }
   if (const auto result = ApplyUpdate(located.item, update, ranges)) return result;
   if (resizes || !ranges.empty()) core_.Invalidate(located.item);
+  if (located.facts.IsDirectory()) core_.FolderChanged(located.root, located.facts.inode);
   Guard guard(core_);
   usn = located.item->record.usn;
   return hr::kOk;

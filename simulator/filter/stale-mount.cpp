@@ -2,7 +2,7 @@
 
 #include <spawn.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,8 +30,9 @@ void UnmountLazily(const std::string& path) {
 void RemoveStaleMount(const std::string& path) {
   constexpr int kMaxLayers = 16;
   for (int layer = 0; layer < kMaxLayers; ++layer) {
-    struct stat facts {};
-    if (stat(path.c_str(), &facts) == 0 || (errno != ENOTCONN && errno != ECONNABORTED)) return;
+    // What the kernel keeps of the folder outlives its daemon for a while; this is always asked.
+    struct statvfs facts {};
+    if (statvfs(path.c_str(), &facts) == 0 || (errno != ENOTCONN && errno != ECONNABORTED)) return;
     UnmountLazily(path);
   }
 }

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <future>
 #include <thread>
 
+#include "backing-file.h"
 #include "filter-fixture.h"
 
 namespace cloud_filter::test {
@@ -52,6 +54,27 @@ TEST_F(Reading, TheMountShowsThePlaceholders) {
   EXPECT_EQ(MountsBelow(), std::vector<std::string>{root});
   EXPECT_EQ(RunProgram({"ls"}, root).output, "a\n");
   EXPECT_EQ(std::filesystem::file_size(root / "a"), static_cast<std::uintmax_t>(kSize));
+}
+
+TEST_F(Reading, AFolderThatTheApiChangesIsSeenAsItIsAtOnce) {
+  const auto timeOf = [](const std::string& path) {
+    struct stat facts {};
+    EXPECT_EQ(stat(path.c_str(), &facts), 0) << path;
+    return FileTimeOf(facts.st_mtim);
+  };
+  constexpr std::int64_t kSomeTime = 132'000'000'000'000'000;
+  UpdateOptions options;
+  options.metadata = wire::Metadata{};
+  options.metadata->lastWriteTime = kSomeTime;
+  ASSERT_RESULT(api->Create(root, {FolderEntry("d")}), hr::kOk);
+  ASSERT_RESULT(api->Convert(root, "root", 0), hr::kOk);
+  for (const auto& changed : {Path("d"), root.string()}) {
+    EXPECT_NE(timeOf(changed), kSomeTime);
+    EXPECT_RESULT(api->Update(changed, options), hr::kOk);
+    EXPECT_EQ(timeOf(changed), kSomeTime);
+    EXPECT_RESULT(api->Create(changed, {FileEntry("new", 1)}), hr::kOk);
+    EXPECT_NE(timeOf(changed), kSomeTime);
+  }
 }
 
 TEST_F(Reading, AProgramGetsTheWholeContent) {
