@@ -77,26 +77,43 @@ install(DIRECTORY examples DESTINATION "${papers}"
 configure_file("${packaging}/examples/CMakeLists.txt.in" "${generated}/CMakeLists.txt" @ONLY)
 install(FILES "${generated}/CMakeLists.txt" DESTINATION "${papers}/examples")
 
-# Last, as it is about what was installed: the SBOM, licences of what is linked in, checksums.
-
 find_program(NIMBRA_PYTHON NAMES python3 python NO_CMAKE_FIND_ROOT_PATH)
 find_program(NIMBRA_DPKG_QUERY dpkg-query NO_CMAKE_FIND_ROOT_PATH)
+include(NimbraSite)
+
+# Last, as it is about what was installed: the SBOM, licences of what is linked in, checksums.
+
+find_program(NIMBRA_PDBUTIL NAMES llvm-pdbutil-19 llvm-pdbutil NO_CMAKE_FIND_ROOT_PATH)
 set(arguments --version "${PROJECT_VERSION}" --papers "${papers}")
+list(APPEND arguments --toolchain "${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}")
 # Debian's packages know under what licences the compiler's runtime is.
 if(NIMBRA_LINK_RECORDS AND NIMBRA_DPKG_QUERY)
   foreach(target IN LISTS NIMBRA_INSTALLED_PROGRAMS ITEMS nimbra)
     get_target_property(file ${target} NIMBRA_SHIPPED_AS)
-    list(APPEND arguments --record "bin/${file}=${NIMBRA_LINK_RECORD_FOLDER}/${file}.map")
+    nimbra_link_record(record ${target})
+    list(APPEND arguments --record "bin/${file}=${record}")
+    # A library of headers only leaves no trace in the linker's record.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+      execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-resource-dir
+        OUTPUT_VARIABLE resources OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+      list(APPEND arguments --header "bin/${file}=${resources}/include/stddef.h")
+    endif()
   endforeach()
-  # A library of headers only leaves no trace in the linker's record.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    list(APPEND arguments --pdbutil "${NIMBRA_PDBUTIL}")
+  endif()
   if(TARGET nimbractl)
     list(APPEND arguments
       --header "bin/nimbractl.exe=${NIMBRA_cli11_FOLDER}/CLI/CLI.hpp"
       --header "bin/nimbractl.exe=${NIMBRA_json_FOLDER}/nlohmann/json.hpp")
   endif()
+  if(NIMBRA_SITE_IS_BUILT)
+    # Its scripts and styles are copied from there.
+    list(APPEND arguments --header "${NIMBRA_SITE}=${NIMBRA_SITE_THEME}")
+  endif()
 else()
   install(CODE "message(WARNING \"No SBOM and no third-party notices: they are made of builds \
-with MinGW's gcc on Debian only\")")
+with MinGW's gcc or with clang on Debian only\")")
 endif()
 if(NIMBRA_PYTHON)
   list(JOIN arguments "\" \"" arguments)
@@ -113,7 +130,14 @@ set(CPACK_EXTERNAL_ENABLE_STAGING ON)
 set(CPACK_EXTERNAL_PACKAGE_SCRIPT "${packaging}/cmake/pack.cmake")
 set(CPACK_NIMBRA_PYTHON "${NIMBRA_PYTHON}")
 set(CPACK_PACKAGE_NAME nimbra)
-set(CPACK_PACKAGE_FILE_NAME "nimbra-${PROJECT_VERSION}-win64")
+# The packages of other compilers are told apart by their names.
+set(compiler "")
+if(MSVC)
+  set(compiler "-msvc")
+elseif(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  set(compiler "-clang")
+endif()
+set(CPACK_PACKAGE_FILE_NAME "nimbra-${PROJECT_VERSION}-win64${compiler}")
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 set(CPACK_VERBATIM_VARIABLES ON)
 include(CPack)

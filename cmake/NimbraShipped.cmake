@@ -12,17 +12,30 @@ set(NIMBRA_VERSION_NUMBERS
 function(nimbra_target_shipped target fileName description)
   set_target_properties(${target} PROPERTIES NIMBRA_SHIPPED_AS "${fileName}")
   nimbra_add_version_info(${target} "${fileName}" "${description}")
-  if(NIMBRA_LINK_RECORDS)
-    target_link_options(${target} PRIVATE "-Wl,-Map=${NIMBRA_LINK_RECORD_FOLDER}/${fileName}.map")
+  if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    nimbra_link_record(record ${target})
+    target_link_options(${target} PRIVATE "-Wl,-Map=${record}")
   endif()
 endfunction()
 
 # The linker's own list of what it took from which archive is what the SBOM is made from.
-if(MINGW AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+if(MINGW)
   set(NIMBRA_LINK_RECORDS ON)
   set(NIMBRA_LINK_RECORD_FOLDER "${CMAKE_BINARY_DIR}/link-records")
   file(MAKE_DIRECTORY "${NIMBRA_LINK_RECORD_FOLDER}")
 endif()
+
+# nimbra_link_record(<variable> <target>): the file with that list of a target that is shipped: GNU
+# ld's map, or the .pdb file of lld, whose map does not name the archives.
+function(nimbra_link_record variable target)
+  get_target_property(file ${target} NIMBRA_SHIPPED_AS)
+  set(record "${NIMBRA_LINK_RECORD_FOLDER}/${file}.map")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    cmake_path(GET file STEM stem)
+    set(record "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${stem}.pdb")
+  endif()
+  set(${variable} "${record}" PARENT_SCOPE)
+endfunction()
 
 function(nimbra_add_version_info target fileName description)
   if(NOT WIN32)
@@ -46,7 +59,8 @@ endfunction()
 # ours that are in it, with symbols, and moves these out of the release build into
 # <file>.debug, which gdb finds beside it. Tests keep to what is shipped: it is the same code.
 function(nimbra_separate_symbols target)
-  if(NOT NIMBRA_LINK_RECORDS OR NOT CMAKE_OBJCOPY OR NIMBRA_CHECKED OR NIMBRA_COVERAGE)
+  if(NOT MINGW OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR NOT CMAKE_OBJCOPY
+      OR NIMBRA_CHECKED OR NIMBRA_COVERAGE)
     return()
   endif()
   # The folder of the build is in the symbols, and their checksum is in the file that is shipped.

@@ -2,7 +2,8 @@
 """Writes the papers of an installed package into its folder.
 
     describe-package.py --version VERSION --files LIST [--installed-as PREFIX] [--papers FOLDER]
-                        [--record bin/FILE=MAP]... [--header bin/FILE=HEADER]... PREFIX
+                        [--record bin/FILE=RECORD]... [--header bin/FILE=HEADER]...
+                        [--pdbutil PROGRAM] [--toolchain TEXT] PREFIX
 
 nimbra.cdx.json          what is in it (CycloneDX): the files with their checksums, and the code of
                          others that is linked into them
@@ -11,9 +12,10 @@ SHA256SUMS               the checksums of all files, for `sha256sum --check`
 
 In the documents, links to what only the sources have become plain text.
 
-LIST has the paths of the installed files, one a line. MAP is the linker's record of the making of
-bin/FILE; HEADER is of a library of headers only, compiled into bin/FILE. Without any MAP, only
-SHA256SUMS is written. Nothing in these files depends on the time or on where the build was.
+LIST has the paths of the installed files, one a line. RECORD is the linker's of the making of
+bin/FILE: GNU ld's map, or lld's .pdb file, which PROGRAM (llvm-pdbutil) reads. HEADER is of a library
+of headers only, compiled into bin/FILE, or of another package that was copied from. Without any
+RECORD, only SHA256SUMS is written. TEXT names the compiler in the list. Nothing in these files depends on the time or on where the build was.
 """
 
 import argparse
@@ -76,14 +78,16 @@ def part_component(part):
         "properties": [
             {"name": "debian:source", "value": package.source},
             *(
-                {"name": f"objects linked into {file}", "value": str(count or "headers only")}
+                {"name": f"objects linked into {file}", "value": str(count)}
+                if count
+                else {"name": "taken into", "value": file}
                 for file, count in counts
             ),
         ],
     }
 
 
-def sbom(prefix, version, files, parts):
+def sbom(prefix, version, toolchain, files, parts):
     own = f"pkg:generic/nimbra@{version}"
     document = {
         "$schema": "http://cyclonedx.org/schema/bom-1.5.schema.json",
@@ -98,7 +102,10 @@ def sbom(prefix, version, files, parts):
                 "version": version,
                 "description": "Desktop file synchronisation on the Windows Cloud Files interface",
                 "purl": own,
-                "properties": [{"name": "licence", "value": "none chosen yet"}],
+                "properties": [
+                    {"name": "licence", "value": "none chosen yet"},
+                    {"name": "toolchain", "value": toolchain},
+                ],
             }
         },
         "components": [
@@ -106,7 +113,7 @@ def sbom(prefix, version, files, parts):
             *(part_component(part) for part in parts),
         ],
         "dependencies": [
-            {"ref": own, "dependsOn": files},
+            {"ref": own, "dependsOn": files + [p.name for p in parts if p.objects.keys() - files]},
             *(
                 {"ref": name, "dependsOn": [part.name for part in parts if name in part.objects]}
                 for name in files
@@ -152,8 +159,10 @@ def parse_arguments():
     parser.add_argument("--files", type=pathlib.Path, required=True, metavar="LIST")
     parser.add_argument("--installed-as", type=pathlib.Path, metavar="PREFIX")
     parser.add_argument("--papers", type=pathlib.Path, default=pathlib.Path("."), metavar="FOLDER")
-    parser.add_argument("--record", action="append", default=[], metavar="FILE=MAP")
+    parser.add_argument("--record", action="append", default=[], metavar="FILE=RECORD")
     parser.add_argument("--header", action="append", default=[], metavar="FILE=HEADER")
+    parser.add_argument("--pdbutil", default="llvm-pdbutil", metavar="PROGRAM")
+    parser.add_argument("--toolchain", default="", metavar="TEXT")
     parser.add_argument("prefix", type=pathlib.Path)
     return parser.parse_args()
 
@@ -168,8 +177,9 @@ def main():
         files = installed_files(arguments)
         if records:
             headers = [header.split("=", 1) for header in arguments.header]
-            parts = linked_parts.parts_of(records, headers)
-            document = sbom(prefix, arguments.version, sorted(records), parts)
+            parts = linked_parts.parts_of(records, headers, arguments.pdbutil)
+            toolchain = arguments.toolchain
+            document = sbom(prefix, arguments.version, toolchain, sorted(records), parts)
             texts[papers / SBOM] = json.dumps(document, indent=2, ensure_ascii=False) + "\n"
             texts[papers / NOTICES] = notices.notices(parts, arguments.version)
         for name in files:

@@ -13,11 +13,16 @@ SPDX_IDS = {
     "ZPL-2.1": "ZPL-2.1",
     "expat": "MIT",
 }
+LLVM_LICENCE = "Apache-2.0 WITH LLVM-exception"
+SPECIAL = {"clang-headers": LLVM_LICENCE, "libgcc": GCC_LICENCE, "libstdc++": GCC_LICENCE}
 DESCRIPTIONS = {
     "CLI11": "a parser of command lines",
+    "clang-headers": "the headers that clang brings for C's own types and the processor's functions",
     "libgcc": "what compiled code needs of its compiler: exceptions, stack checks",
     "libstdc++": "the C++ standard library of the GNU Compiler Collection",
     "mingw-w64-crt": "the start-up code and C functions that MinGW adds to those of Windows",
+    "mkdocs-material": "the look and the search of the documentation site, whose scripts name the\n"
+    "authors of what else is in them",
     "nlohmann-json": "JSON for C++",
     "winpthreads": "threads, mutexes and condition variables on those of Windows",
 }
@@ -26,6 +31,7 @@ DESCRIPTIONS = {
 LINKED_FILES = {
     "CLI11": r"\*$",
     "mingw-w64-crt": r"\*$|mingw-w64-crt/(?!profile/|testcases/)",
+    "mkdocs-material": r"\*$",  # no pictures of its collections but its own
     "nlohmann-json": r"\*$|include/",
     "winpthreads": r"mingw-w64-libraries/winpthreads/(\*|src/|include/)",
 }
@@ -74,6 +80,21 @@ def gcc_text(part):
     return "\n\n".join(piece.strip("\n") for piece in pieces)
 
 
+def llvm_text(part):
+    origin = part.package.copyright_file
+    exceptions = between(
+        origin.read_text(encoding="utf-8"),
+        " ---- LLVM Exceptions to the Apache 2.0 License ----",
+        " Software.",
+        origin,
+    )
+    lines = [line.removeprefix(" ").removeprefix(".") for line in exceptions.splitlines()]
+    return (
+        "The Apache License, Version 2.0, is at https://www.apache.org/licenses/LICENSE-2.0.txt.\n\n"
+        + "\n".join(lines)
+    )
+
+
 def stanzas(path):
     """The paragraphs of a copyright file in Debian's machine-readable form, as dictionaries."""
     for paragraph in re.split(r"\n\s*\n", path.read_text(encoding="utf-8")):
@@ -114,14 +135,15 @@ def debian_text(part):
 
 def licence_of(part):
     """An SPDX expression."""
-    if part.name in ("libstdc++", "libgcc"):
-        return GCC_LICENCE
+    if part.name in SPECIAL:
+        return SPECIAL[part.name]
     names = {SPDX_IDS.get(name, f"LicenseRef-{name}") for name in debian_licences(part)[0]}
     return " AND ".join(sorted(names))
 
 
 def text_of(part):
-    return gcc_text(part) if part.name in ("libstdc++", "libgcc") else debian_text(part)
+    texts = {GCC_LICENCE: gcc_text, LLVM_LICENCE: llvm_text}
+    return texts.get(SPECIAL.get(part.name), debian_text)(part)
 
 
 def notices(parts, version):

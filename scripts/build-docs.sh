@@ -18,15 +18,6 @@ is_ours() {
   [[ ! -e $1 || -f $1/search/search_index.js || -z $(ls -A -- "$1") ]]
 }
 
-# allow_search_from_folder <site>: see theme/assets/offline-search.js.
-allow_search_from_folder() {
-  {
-    printf 'var __search = { index: Promise.resolve('
-    cat -- "$1/search/search_index.json"
-    printf ') };\n'
-  } >"$1/search/search_index.js"
-}
-
 main() {
   local site=''
   while (($#)); do
@@ -47,12 +38,7 @@ main() {
 
   "$TOOLS/log_lines.py" check
   "$TOOLS/api_reference.py" check
-  local staged="$NIMBRA_WORK/docs-pages"
-  mkdir -p -- "$staged"
-  "$TOOLS/stage_site.py" "$staged" "$site"
-  PYTHONDONTWRITEBYTECODE=1 mkdocs --quiet build --clean --config-file "$staged/mkdocs.yml"
-  allow_search_from_folder "$site"
-  rm -f -- "$site/sitemap.xml" "$site/sitemap.xml.gz"
+  "$TOOLS/build_site.py" "$NIMBRA_WORK/docs-pages" "$site"
   "$TOOLS/check_site.py" "$site"
   printf '%s\n' "$site"
 }

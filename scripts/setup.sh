@@ -17,7 +17,7 @@ readonly DEMO_PACKAGES=(cmake ninja-build g++ g++-mingw-w64-x86-64-posix mingw-w
   procps)
 readonly TEST_PACKAGES=(googletest clang libclang-rt-dev clang-format clang-tidy shellcheck git
   rustc libstd-rust-dev-windows mono-mcs
-  clang-19 lld-19 llvm-19 nuget)
+  clang-19 lld-19 llvm-19 nuget python3-jsonschema)
 readonly DOCS_PACKAGES=(mkdocs mkdocs-material python3)
 readonly COVERAGE_PACKAGES=(gcovr)
 

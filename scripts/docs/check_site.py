@@ -52,9 +52,11 @@ def check_links(site, pages):
             if is_elsewhere(link):
                 continue
             parts = urllib.parse.urlsplit(link)
-            # 404.html is served at any address; its links are from the root.
-            start = site if parts.path.startswith("/") else path.parent
-            target = start / urllib.parse.unquote(parts.path).lstrip("/") if parts.path else path
+            # Read from a folder, a path from the root is one of the disk.
+            if parts.path.startswith("/"):
+                yield f"{where} links to {link}, which is not in its folder"
+                continue
+            target = path.parent / urllib.parse.unquote(parts.path) if parts.path else path
             target = target.resolve()
             if target.is_dir():
                 target /= "index.html"

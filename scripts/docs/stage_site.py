@@ -1,11 +1,5 @@
-#!/usr/bin/env python3
-"""Lays out the pages of the documentation site for mkdocs.
-
-    stage_site.py FOLDER SITE
-
-FOLDER receives pages/ and mkdocs.yml, which builds into SITE. The pages are docs/*.md, the
-reference made from the header, and whatever files of the repository these link to.
-"""
+"""Lays out the pages of the documentation site for mkdocs: docs/*.md, the reference made from the
+header, and whatever files of the repository these link to."""
 
 import json
 import pathlib
@@ -20,6 +14,9 @@ import log_lines  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCS = ROOT / "docs"
+HERE = pathlib.Path(__file__).resolve().parent
+STYLE = HERE / "site.css"
+THEME = HERE / "theme"
 HEADER_PAGE = "api.md"
 
 # Groups of the navigation, with pages in their order. A page of docs/ that is in none comes at the
@@ -49,7 +46,7 @@ SETTINGS = {
     "strict": True,
     "theme": {
         "name": "material",
-        "custom_dir": str(pathlib.Path(__file__).resolve().parent / "theme"),
+        "custom_dir": str(THEME),
         "font": False,  # nothing is loaded from elsewhere
         "icon": {"logo": "material/cloud-sync-outline"},
         "features": ["navigation.tabs", "navigation.sections", "navigation.top", "toc.follow"],
@@ -83,6 +80,8 @@ class Stage:
     def __init__(self, folder):
         self.folder = folder
         self.queue = {}  # name of a page to make: the file or folder that it shows
+        # A folder stands for the names in it.
+        self.sources = {DOCS, api_reference.HEADER, api_reference.EXPORTS, log_lines.TABLE}
 
     def page_for(self, target):
         """The name of the page that stands for a file or folder of the repository."""
@@ -120,6 +119,7 @@ class Stage:
 
     def add_documents(self):
         for path in sorted(DOCS.iterdir()):
+            self.sources.add(path)
             if path.suffix == ".md":
                 self.write(path.name, self.rewrite_links(path.read_text(encoding="utf-8"), path))
             elif path.is_dir():
@@ -136,9 +136,11 @@ class Stage:
 
     def show(self, target):
         """A page with the content of a file, or of the files in a folder."""
+        self.sources.add(target)
         if target.suffix == ".md":
             return self.rewrite_links(target.read_text(encoding="utf-8"), target)
         files = [target] if target.is_file() else sorted(f for f in target.iterdir() if f.is_file())
+        self.sources.update(files)
         parts = [f"# {target.relative_to(ROOT).as_posix()}\n"]
         for path in files:
             if target.is_dir():
@@ -186,10 +188,9 @@ def check_titles(folder):
             sys.exit(f"{path.name} has no title")
 
 
-def main():
-    if len(sys.argv) != 3:
-        sys.exit(__doc__)
-    folder, site = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+def lay_out(folder, site):
+    """Puts pages/ and mkdocs.yml, which builds into `site`, into the folder, and gives the files and
+    folders that they are made from."""
     pages = folder / "pages"
     shutil.rmtree(pages, ignore_errors=True)
     (pages / "assets").mkdir(parents=True)
@@ -200,12 +201,9 @@ def main():
     writer = api_reference.Writer(api_reference.sections())
     stage.write(log_lines.PAGE.name, log_lines.render(writer.link, with_anchors=True))
     stage.add_asked_for()
-    shutil.copy(pathlib.Path(__file__).with_name("site.css"), pages / "assets")
+    shutil.copy(STYLE, pages / "assets")
     check_titles(pages)
     settings = SETTINGS | {"docs_dir": str(pages), "site_dir": str(site), "nav": navigation(pages)}
     # JSON is YAML, too.
     (folder / "mkdocs.yml").write_text(json.dumps(settings, indent=1), encoding="utf-8")
-
-
-if __name__ == "__main__":
-    main()
+    return {*stage.sources, STYLE, *(path for path in THEME.rglob("*"))}

@@ -71,6 +71,14 @@ def version():
     return cached("CMAKE_PROJECT_VERSION")
 
 
+def is_from_clang():
+    return cached("CMAKE_TOOLCHAIN_FILE").endswith("/clang-mingw-w64.cmake")
+
+
+def text_of(name):
+    return (installed() / name).read_text(encoding="utf-8")
+
+
 @functools.cache
 def installed():
     prefix = new_folder() / "nimbra"

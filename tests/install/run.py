@@ -14,7 +14,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import package  # noqa: E402  (needs the path above)
 
-MODULES = ["test_contents", "test_linking", "test_versions", "test_definitions"]
+MODULES = [
+    "test_contents", "test_papers", "test_symbols", "test_site", "test_linking", "test_versions",
+    "test_definitions",
+]  # fmt: skip
 
 
 def main():
