@@ -11,16 +11,17 @@
 #include <cwchar>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bench/harness/families.h"
 #include "bench/harness/null-cloud.h"
 #include "bench/harness/report.h"
 #include "common/debug-log.h"
+#include "common/owners.h"
 #include "nimbra/nimbra.h"
 #include "tests/support/com-apartment.h"
 #include "tests/support/image-files.h"
+#include "tests/support/import-hooks.h"
 #include "tests/support/sync-root-handles.h"
 #include "tests/support/temp-folder.h"
 #include "win-cf/thumbnail-provider.h"
@@ -29,8 +30,10 @@
 namespace nimbra_bench {
 namespace {
 
+using corvdrive::cloud_filter::UniqueFile;
 using corvdrive::cloud_filter::WrappingFolderComposer;
 using Microsoft::WRL::ComPtr;
+using nimbra_test::ScopedImportHook;
 using nimbra_test::TempFolder;
 using nimbra_test::Wide;
 
@@ -40,8 +43,9 @@ constexpr char kOtherClsid[] = "{8E3C3A5C-55D7-4B7E-9C35-0B1D6F2A7E11}";
 constexpr std::uint64_t kFolderId = 910'000'001;
 constexpr std::uint64_t kOtherFolderId = 910'000'002;
 
-// For looking through a folder once.
-constexpr double kMostNanoseconds = 6e9;
+// For looking through the largest folder once, and for all rounds of that.
+constexpr double kMostNanoseconds = 2e9;
+constexpr double kMostNanosecondsOfRounds = 15e9;
 
 void Require(bool succeeded, const char* what) {
   if (!succeeded) {
@@ -94,45 +98,64 @@ class ShortcutFolder {
   std::wstring path_;
 };
 
+// Times each operation by itself and takes, for all of them, the time that a quarter keeps below:
+// what else runs on the machine interrupts the others. The step after an operation is not timed.
+template <typename Operation, typename After>
+Batch Undisturbed(Operation operation, After after) {
+  return [operation = std::move(operation), after = std::move(after)](std::size_t times) {
+    std::vector<double> took(times);
+    for (double& time : took) {
+      const auto begun = Clock::now();
+      operation();
+      time = NanosecondsSince(begun);
+      after();
+    }
+    std::sort(took.begin(), took.end());
+    return took[times / 4] * static_cast<double>(times);
+  };
+}
+
+template <typename Operation>
+Batch Undisturbed(Operation operation) {
+  return Undisturbed(std::move(operation), [] {});
+}
+
+// Fewer shortcuts where looking through so many would take too long.
+int FewerWhenSlow(int count, double perShortcut) {
+  const bool isSlow = perShortcut * count > kMostNanoseconds;
+  return isSlow ? std::max(50, static_cast<int>(kMostNanoseconds / perShortcut) / 50 * 50) : count;
+}
+
+// How often that can be done beside the baseline, which runs twice.
+std::size_t RoundsWithin(double nanoseconds) {
+  return std::clamp(static_cast<std::size_t>(kMostNanosecondsOfRounds / 3 / nanoseconds),
+                    std::size_t{3}, std::size_t{9});
+}
+
 void MeasureRegistration(const Settings& settings) {
   const NullCloud cloud;
   const nimbra_test::SyncRoot root;
   const BareRootDescription bare;
-  const Effort effort = settings.Long(9, 8);
+  const Effort effort = settings.Long(15, 32);
   const auto registerRoot = [&root](auto operation) {
     Require(operation(root.Get(), "bench") == S_OK, "registering a sync root");
   };
   Write(MakeRow("registering a sync root", "SyncRootRegister + SyncRootUnregister",
-                Compare(effort, Repeat([&bare] {
+                Compare(effort, Undisturbed([&bare] {
                           bare.Write();
                           bare.Delete();
                         }),
-                        Repeat([&] {
+                        Undisturbed([&] {
                           registerRoot(CORVWinCFSyncRootRegister);
                           CORVWinCFSyncRootUnregister(root.Get());
                         })),
                 {"CORVWinCFSyncRootRegister", "CORVWinCFSyncRootUnregister"}));
   Write(MakeRow("registering a sync root", "SyncRootReregister",
-                Compare(effort, Repeat([&bare] { bare.Write(); }),
-                        Repeat([&] { registerRoot(CORVWinCFSyncRootReregister); })),
+                Compare(effort, Undisturbed([&bare] { bare.Write(); }),
+                        Undisturbed([&] { registerRoot(CORVWinCFSyncRootReregister); })),
                 {"CORVWinCFSyncRootReregister"}));
   CORVWinCFSyncRootUnregister(root.Get());
   bare.Delete();
-}
-
-// The bare calls of an entry's whole life.
-void LiveBareEntry(const std::wstring& folder, const std::wstring& target, bool isSearched) {
-  const std::wstring shortcut = folder + L"\\My Drive.lnk";
-  const std::wstring clsid = Wide(kOtherClsid);
-  SHCreateDirectory(nullptr, folder.c_str());
-  SetFileAttributesW(folder.c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
-  BareSaveShortcut(shortcut, target);
-  BareWriteEntry(clsid, folder);
-  if (isSearched) {
-    BareSearchFolder(folder);
-  }
-  DeleteFileW(shortcut.c_str());
-  BareDeleteEntry(clsid);
 }
 
 void MeasureEntry(const Settings& settings) {
@@ -140,24 +163,31 @@ void MeasureEntry(const Settings& settings) {
   const std::string target = targets.MakeFolder("Root");
   const ShortcutFolder folder(kFolderId);
   const ShortcutFolder other(kOtherFolderId);
+  const BareEntry bare(Wide(kOtherClsid), other.Path(), Wide(target));
   const Effort effort = settings.Long(9, 4);
   const auto enter = [&target] {
     Require(
         CORVWinCFSyncEngineRegister(target.c_str(), kClsid, kFolderId, "bench", "home", "/") == 0,
         "registering an entry");
   };
-  const auto bare = [&](bool isSearched) {
-    return Repeat([&, isSearched] { LiveBareEntry(other.Path(), Wide(target), isSearched); });
-  };
   Write(MakeRow("the Explorer entry", "SyncEngineRegister + SyncEngineUnregister",
-                Compare(effort, bare(true), Repeat([&] {
+                Compare(effort, Undisturbed([&] {
+                          bare.Register();
+                          bare.Unregister();
+                        }),
+                        Undisturbed([&] {
                           enter();
                           CORVWinCFSyncEngineUnregister(target.c_str(), kClsid, kFolderId, "bench",
                                                         "home", "/");
                         })),
                 {"CORVWinCFSyncEngineRegister", "CORVWinCFSyncEngineUnregister"}));
   Write(MakeRow("the Explorer entry", "SyncEngineRegister + SyncEngineUnregisterSystemFolder",
-                Compare(effort, bare(false), Repeat([&] {
+                Compare(effort, Undisturbed([&] {
+                          bare.Register();
+                          bare.DeleteKeys();
+                          DeleteFileW(bare.Shortcut().c_str());
+                        }),
+                        Undisturbed([&] {
                           enter();
                           CORVWinCFSyncEngineUnregisterSystemFolder(kClsid);
                           DeleteFileW((folder.Path() + L"\\My Drive.lnk").c_str());
@@ -165,30 +195,31 @@ void MeasureEntry(const Settings& settings) {
                 {"CORVWinCFSyncEngineUnregisterSystemFolder"}));
 }
 
-// Looking for a root that has no shortcut: all are resolved.
+// Copies of one shortcut: saving each would take far longer than all that is measured here.
+void MakeShortcuts(const std::wstring& folder, int from, int to) {
+  for (int i = from; i < to; ++i) {
+    const std::wstring copy = folder + L"\\" + std::to_wstring(i) + L".lnk";
+    Require(CopyFileW((folder + L"\\0.lnk").c_str(), copy.c_str(), TRUE) != 0, "a shortcut");
+  }
+}
+
+// Looking for a root that has no shortcut: all are resolved. Their target's path is short, as what
+// Windows takes for a path grows with it.
 void MeasureSearch(const Settings& settings) {
-  const TempFolder targets;
-  const std::string target = targets.MakeFolder("Root");
   const ShortcutFolder folder(kFolderId);
+  Require(folder.Composer("/share/0").CreateShortcut("C:\\windows"), "a shortcut");
+  const WrappingFolderComposer composer = folder.Composer("/");
   const std::vector<int> counts = settings.isQuick ? std::vector{10} : std::vector{10, 100, 1000};
-  int made = 0;
+  int made = 1;
   double perShortcut = 0;
   for (int count : counts) {
-    if (perShortcut * count > kMostNanoseconds) {
-      // A slow machine looks through fewer; the row says how many.
-      count = std::max(made + 1, static_cast<int>(kMostNanoseconds / perShortcut) / 50 * 50);
-    }
-    for (; made < count; ++made) {
-      Require(folder.Composer("/share/" + std::to_string(made)).CreateShortcut(target),
-              "a shortcut");
-    }
-    const WrappingFolderComposer composer = folder.Composer("/");
-    Comparison times =
-        Compare(settings.Long(count > 100  ? 1
-                              : count > 10 ? 3
-                                           : 7),
-                Repeat([&] { BareSearchFolder(folder.Path()); }),
-                Repeat([&] { static_cast<void>(composer.RemoveShortcut("C:\\no such root")); }));
+    count = std::max(made + 1, FewerWhenSlow(count, perShortcut));
+    MakeShortcuts(folder.Path(), made, count);
+    made = count;
+    const Comparison times = Compare(
+        settings.Long(count > 100 ? RoundsWithin(perShortcut * count) : 11, count > 10 ? 1 : 4),
+        Undisturbed([&] { BareFindShortcut(folder.Path(), L"C:\\no such root"); }),
+        Undisturbed([&] { composer.RemoveShortcut("C:\\no such root"); }));
     Row row = MakeRow("finding a shortcut among", std::to_string(count), times, {});
     perShortcut = times.subject / count;
     row.more = {{"perShortcut", perShortcut}};
@@ -228,42 +259,84 @@ void MeasureThumbnails(const Settings& settings) {
       return 0xFF000000U | (x * 77 + y) << 8 | (x ^ y);
     });
     imagePath = Wide(folder.WriteFile("image.png", nimbra_test::PngFileWithAlpha(picture)));
-    Effort effort = settings.Long(9, side > 256 ? 4 : 32);
-    const Comparison times = Compare(effort, Repeat([] { DeleteObject(BareDecode(imagePath)); }),
-                                     Repeat([&] { MakeThumbnail(item.Get()); }));
-    Row row = MakeRow("thumbnails", "PNG, " + std::to_string(side) + " x " + std::to_string(side),
-                      times, {});
-    row.more = {{"perSecond", 1e9 / times.subject}};
+    const std::vector<Comparison> times =
+        Compare(settings.Long(15, side > 256 ? 4 : 32),
+                Undisturbed([&] { DeleteObject(BareThumbnail(item.Get(), imagePath)); }),
+                {Undisturbed([&] { MakeThumbnail(item.Get()); }),
+                 Undisturbed([] { DeleteObject(BareDecode(imagePath)); })});
+    const std::string name = "PNG, " + std::to_string(side) + " x " + std::to_string(side);
+    Row row = MakeRow("thumbnails", name, times[0], {});
+    row.more = {{"perSecond", 1e9 / times[0].subject}};
     Write(row);
+    Write(MakeRow("thumbnails", name + ", bare: imaging alone", times[1], {}));
   }
 }
 
 void MeasureLog(const Settings& settings) {
   const std::string path = R"(C:\Users\someone\Drive\Documents\Quarterly report.docx)";
   const Comparison times = Compare(
-      settings.Short(), Repeat([] {
+      settings.Long(15, 100), Undisturbed([] {
         OutputDebugStringW(
             L"lib\\cloud-filter\\win-cf\\placeholder (464) | Failed call on "
             L"CreateFile on path C:\\Users\\someone\\Drive\\Documents\\"
             L"Quarterly report.docx, ec: 32\r\n");
       }),
-      Repeat([&path] {
+      Undisturbed([&path] {
         corvdrive::cloud_filter::Log(R"(lib\cloud-filter\win-cf\placeholder)", 464,
                                      "Failed call on CreateFile on path ", path, ", ec: ", 32L);
       }));
   Write(MakeRow("the log", "one line", times, {}));
 }
 
-// Each call leaves a thread: so few of them.
+void MeasureGuids(const Settings& settings) {
+  const Comparison times = Compare(settings.Short(), Repeat(BareGuid), Repeat([] {
+                                     char* guid = nullptr;
+                                     CORVWinCFGenerateGuid(&guid);
+                                     CORVWinCFReleaseGuid(guid);
+                                   }));
+  Row row = MakeRow("the Explorer entry", "GenerateGuid + ReleaseGuid", times, {});
+  row.more = {{"perSecond", 1e9 / times.subject}};
+  Write(row);
+}
+
+// While one lives, the services' thread does not wait for calls but ends, and no class object is
+// registered: otherwise each start would leave a thread that takes part in all that is measured
+// after it.
+class EndingServices {
+ public:
+  // Times the starts alone: the next comes when the thread of the last has ended.
+  static Batch Start(void (*start)()) {
+    return Undisturbed(start, [] {
+      WaitForSingleObject(atItsEnd.Get(), INFINITE);
+      WaitForSingleObject(thread.Get(), INFINITE);
+      thread.Reset();
+    });
+  }
+
+ private:
+  static HRESULT WINAPI Register(REFCLSID, LPUNKNOWN, DWORD, DWORD, LPDWORD) { return S_OK; }
+  static HRESULT WINAPI Wait(DWORD, DWORD, ULONG, LPHANDLE event, LPDWORD) {
+    CloseHandle(*event);
+    HANDLE own = nullptr;
+    DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &own, SYNCHRONIZE,
+                    FALSE, 0);
+    thread.Reset(own);
+    SetEvent(atItsEnd.Get());
+    return E_FAIL;
+  }
+
+  static inline const UniqueFile atItsEnd{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  static inline UniqueFile thread;
+  ScopedImportHook register_{"CoRegisterClassObject", reinterpret_cast<void*>(&Register)};
+  ScopedImportHook wait_{"CoWaitForMultipleHandles", reinterpret_cast<void*>(&Wait)};
+};
+
 void MeasureServices(const Settings& settings) {
-  const auto bare = [] {
-    OutputDebugStringW(L"bench (1) | a line about the services\r\n");
-    std::thread([] { Sleep(INFINITE); }).detach();
-  };
-  Write(MakeRow(
-      "thumbnails", "StartShellServices",
-      Compare(settings.Long(5), Repeat(bare), Repeat([] { CORVWinCFStartShellServices(); })),
-      {"CORVWinCFStartShellServices"}));
+  const EndingServices services;
+  Write(MakeRow("thumbnails", "StartShellServices, until its thread runs",
+                Compare(settings.Long(9, 100), EndingServices::Start(BareStartServices),
+                        EndingServices::Start(CORVWinCFStartShellServices)),
+                {"CORVWinCFStartShellServices"}));
 }
 
 }  // namespace
@@ -272,10 +345,11 @@ void MeasureShell(const Settings& settings) {
   const nimbra_test::ComApartment apartment(COINIT_MULTITHREADED);
   MeasureRegistration(settings);
   MeasureEntry(settings);
+  MeasureGuids(settings);
   MeasureSearch(settings);
   MeasureThumbnails(settings);
-  MeasureLog(settings);
   MeasureServices(settings);
+  MeasureLog(settings);
 }
 
 }  // namespace nimbra_bench

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -19,14 +20,23 @@ namespace {
 
 using corvdrive::cloud_filter::UniqueFind;
 using corvdrive::cloud_filter::UniqueRegistryKey;
+using corvdrive::cloud_filter::UniqueTaskText;
 using Microsoft::WRL::ComPtr;
 
 constexpr wchar_t kRootManager[] =
     L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Explorer\\SyncRootManager\\";
-constexpr wchar_t kExplorer[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\";
+constexpr wchar_t kNameSpace[] =
+    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Desktop\\NameSpace";
+constexpr wchar_t kHiddenIcons[] =
+    L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\HideDesktopIcons\\NewStartPanel";
 constexpr wchar_t kClasses[] = L"Software\\Classes\\CLSID\\";
-constexpr wchar_t kRootName[] = L"CorvaneDrive!bench!Corvane.Drive.FileStreaming.session.12";
+constexpr wchar_t kRootName[] =
+    L"CorvaneDrive!S-1-5-21-0-0-0-1000!Corvane.Drive.FileStreaming.session.99";
 constexpr wchar_t kIcon[] = L"C:\\Program Files (x86)\\Corvane\\CorvaneDrive\\bin\\launcher.exe, 0";
+constexpr wchar_t kUiProgram[] =
+    L"C:\\users\\bench\\AppData\\Local\\CorvaneDrive\\CorvaneDrive.app\\bin\\cloud-drive-ui.exe";
+constexpr DWORD kFolderAttributes =
+    FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
 void Require(bool succeeded, const char* what) {
   if (!succeeded) {
@@ -118,6 +128,25 @@ HBITMAP ToBitmap(IWICBitmapSource* source) {
   return bitmap;
 }
 
+// Gives the target's long path.
+std::wstring ResolveShortcut(const std::wstring& path) {
+  const ComPtr<IShellLinkW> link = NewShellLink();
+  ComPtr<IPersistFile> file;
+  link.As(&file);
+  if (FAILED(file->Load(path.c_str(), STGM_READ))) {
+    return {};
+  }
+  OutputDebugStringW(L"bench (1) | a line about the shortcut\r\n");
+  link->Resolve(nullptr, SLR_NO_UI);
+  std::array<wchar_t, MAX_PATH> target{};
+  WIN32_FIND_DATAW data;
+  link->GetPath(target.data(), MAX_PATH, &data, SLGP_SHORTPATH);
+  std::array<wchar_t, MAX_PATH> longTarget{};
+  GetLongPathNameW(target.data(), longTarget.data(), MAX_PATH);
+  OutputDebugStringW(L"bench (1) | a line about the target\r\n");
+  return longTarget.data();
+}
+
 }  // namespace
 
 BareRootDescription::BareRootDescription() {
@@ -141,6 +170,7 @@ void BareRootDescription::Write() const {
   }
   SetText(CreateKey(HKEY_LOCAL_MACHINE, path + L"\\UserSyncRoots"), L"S-1-5-21-0-0-0-1000",
           L"C:\\Sync");
+  OutputDebugStringW(L"bench (1) | a line about the registered root and its identity\r\n");
 }
 
 void BareRootDescription::Delete() const {
@@ -149,84 +179,98 @@ void BareRootDescription::Delete() const {
   Require(RegDeleteTreeW(key.Get(), kRootName) == ERROR_SUCCESS, "deleting a registry key");
 }
 
-void BareSaveShortcut(const std::wstring& path, const std::wstring& target) {
-  const ComPtr<IShellLinkW> link = NewShellLink();
-  link->SetPath(target.c_str());
-  link->SetDescription(L"Corvane Drive Client");
+BareEntry::BareEntry(std::wstring clsid, std::wstring folder, std::wstring target)
+    : clsid_(std::move(clsid)),
+      folder_(std::move(folder)),
+      target_(std::move(target)),
+      shortcut_(folder_ + L"\\My Drive.lnk"),
+      description_(L"Corvane Drive Client: " + target_),
+      classKey_(kClasses + clsid_) {}
+
+void BareEntry::Register() const {
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
   AskFolder(CSIDL_LOCAL_APPDATA);
-  link->SetIconLocation(kIcon, 3);
-  ComPtr<IPersistFile> file;
-  link.As(&file);
-  Require(SUCCEEDED(file->Save(path.c_str(), TRUE)), "saving a shortcut");
-  OutputDebugStringW(L"bench (1) | a line about the shortcut\r\n");
+  const int code = SHCreateDirectory(nullptr, folder_.c_str());
+  Require(code == ERROR_SUCCESS || code == ERROR_ALREADY_EXISTS, "a folder");
+  SetFileAttributesW(folder_.c_str(), kFolderAttributes);
+  SaveShortcut();
+  WriteKeys();
 }
 
-std::wstring BareResolveShortcut(const std::wstring& path) {
+void BareEntry::Unregister() const {
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  Require(DeleteFileW(BareFindShortcut(folder_, target_).c_str()) != 0, "deleting a shortcut");
+  AskFolder(CSIDL_LOCAL_APPDATA);
+  Require(PathIsDirectoryEmptyW(folder_.c_str()) != 0, "an empty folder");
+  DeleteKeys();
+}
+
+void BareEntry::SaveShortcut() const {
+  // Is the name free?
+  AskFolder(CSIDL_LOCAL_APPDATA);
+  WIN32_FIND_DATAW data;
+  const UniqueFind search(FindFirstFileW(shortcut_.c_str(), &data));
+  Require(!search.IsValid(), "a free name");
   const ComPtr<IShellLinkW> link = NewShellLink();
+  link->SetPath(target_.c_str());
+  link->SetDescription(description_.c_str());
+  AskFolder(CSIDL_LOCAL_APPDATA);
+  link->SetIconLocation(kUiProgram, 3);
   ComPtr<IPersistFile> file;
   link.As(&file);
-  if (FAILED(file->Load(path.c_str(), STGM_READ))) {
-    return {};
-  }
+  Require(SUCCEEDED(file->Save(shortcut_.c_str(), TRUE)), "saving a shortcut");
   OutputDebugStringW(L"bench (1) | a line about the shortcut\r\n");
-  link->Resolve(nullptr, SLR_NO_UI);
-  std::array<wchar_t, MAX_PATH> target{};
-  WIN32_FIND_DATAW data;
-  link->GetPath(target.data(), MAX_PATH, &data, SLGP_SHORTPATH);
-  std::array<wchar_t, MAX_PATH> longTarget{};
-  GetLongPathNameW(target.data(), longTarget.data(), MAX_PATH);
-  OutputDebugStringW(L"bench (1) | a line about the target\r\n");
-  return longTarget.data();
 }
 
-int BareSearchFolder(const std::wstring& folder) {
-  WIN32_FIND_DATAW data;
-  const UniqueFind search(FindFirstFileW((folder + L"\\*").c_str(), &data));
-  int count = 0;
-  do {
-    count += BareResolveShortcut(folder + L"\\" + data.cFileName).empty() ? 0 : 1;
-  } while (FindNextFileW(search.Get(), &data));
-  return count;
-}
-
-void BareWriteEntry(const std::wstring& clsid, const std::wstring& folder) {
-  const std::wstring classKey = kClasses + clsid;
+void BareEntry::WriteKeys() const {
   AskFolder(CSIDL_LOCAL_APPDATA);
   OutputDebugStringW(L"bench (1) | a line about the class\r\n");
   {
-    const UniqueRegistryKey entry = CreateKey(HKEY_CURRENT_USER, classKey);
+    const UniqueRegistryKey entry = CreateKey(HKEY_CURRENT_USER, classKey_);
     SetText(entry, L"", L"Corvane Drive - bench");
     SetNumber(entry, L"System.IsPinnedToNameSpaceTree", 1);
     SetNumber(entry, L"SortOrderIndex", 0x42);
   }
   AskFolder(CSIDL_PROGRAM_FILESX86);
-  SetText(CreateKey(HKEY_CURRENT_USER, classKey + L"\\DefaultIcon"), L"", kIcon);
-  SetText(CreateKey(HKEY_CURRENT_USER, classKey + L"\\InProcServer32"), L"", L"shell32.dll");
-  SetText(CreateKey(HKEY_CURRENT_USER, classKey + L"\\Instance"), L"CLSID", clsid);
+  SetText(CreateKey(HKEY_CURRENT_USER, classKey_ + L"\\DefaultIcon"), L"", kIcon);
+  SetText(CreateKey(HKEY_CURRENT_USER, classKey_ + L"\\InProcServer32"), L"", L"shell32.dll");
+  SetText(CreateKey(HKEY_CURRENT_USER, classKey_ + L"\\Instance"), L"CLSID", clsid_);
   {
     const UniqueRegistryKey bag =
-        CreateKey(HKEY_CURRENT_USER, classKey + L"\\Instance\\InitPropertyBag");
+        CreateKey(HKEY_CURRENT_USER, classKey_ + L"\\Instance\\InitPropertyBag");
     SetNumber(bag, L"Attributes", 0x11);
-    SetText(bag, L"TargetFolderPath", folder);
+    SetText(bag, L"TargetFolderPath", folder_);
   }
   {
-    const UniqueRegistryKey shellFolder = CreateKey(HKEY_CURRENT_USER, classKey + L"\\ShellFolder");
+    const UniqueRegistryKey shellFolder =
+        CreateKey(HKEY_CURRENT_USER, classKey_ + L"\\ShellFolder");
     SetNumber(shellFolder, L"FolderValueFlags", 0x28);
     SetNumber(shellFolder, L"Attributes", 0xF080004D);
   }
-  const std::wstring explorer = kExplorer;
-  SetText(CreateKey(HKEY_CURRENT_USER, explorer + L"Desktop\\NameSpace\\" + clsid), L"", L"bench");
-  SetNumber(CreateKey(HKEY_CURRENT_USER, explorer + L"HideDesktopIcons\\NewStartPanel"),
-            clsid.c_str(), 1);
+  SetText(CreateKey(HKEY_CURRENT_USER, kNameSpace + (L"\\" + clsid_)), L"", L"bench");
+  SetNumber(CreateKey(HKEY_CURRENT_USER, kHiddenIcons), clsid_.c_str(), 1);
 }
 
-void BareDeleteEntry(const std::wstring& clsid) {
-  const std::wstring explorer = kExplorer;
-  RegDeleteTreeW(CreateKey(HKEY_CURRENT_USER, kClasses + clsid).Get(), nullptr);
-  RegDeleteTreeW(CreateKey(HKEY_CURRENT_USER, explorer + L"Desktop\\NameSpace").Get(),
-                 clsid.c_str());
-  RegDeleteValueW(CreateKey(HKEY_CURRENT_USER, explorer + L"HideDesktopIcons\\NewStartPanel").Get(),
-                  clsid.c_str());
+void BareEntry::DeleteKeys() const {
+  Require(
+      RegDeleteTreeW(CreateKey(HKEY_CURRENT_USER, classKey_).Get(), nullptr) == 0 &&
+          RegDeleteTreeW(CreateKey(HKEY_CURRENT_USER, kNameSpace).Get(), clsid_.c_str()) == 0 &&
+          RegDeleteValueW(CreateKey(HKEY_CURRENT_USER, kHiddenIcons).Get(), clsid_.c_str()) == 0,
+      "deleting an entry");
+}
+
+std::wstring BareFindShortcut(const std::wstring& folder, const std::wstring& target) {
+  AskFolder(CSIDL_LOCAL_APPDATA);
+  WIN32_FIND_DATAW data;
+  const UniqueFind search(FindFirstFileW((folder + L"\\*").c_str(), &data));
+  do {
+    std::wstring candidate = folder + L"\\" + data.cFileName;
+    if (ResolveShortcut(candidate) == target) {
+      return candidate;
+    }
+  } while (FindNextFileW(search.Get(), &data));
+  OutputDebugStringW(L"bench (1) | a line about no shortcut that leads to this root\r\n");
+  return {};
 }
 
 HBITMAP BareDecode(const std::wstring& path) {
@@ -245,6 +289,42 @@ HBITMAP BareDecode(const std::wstring& path) {
   ComPtr<IWICBitmapFrameDecode> frame;
   Require(SUCCEEDED(decoder->GetFrame(0, frame.GetAddressOf())), "an image's frame");
   return ToBitmap(ToBgra(factory.Get(), frame.Get()).Get());
+}
+
+HBITMAP BareThumbnail(IShellItem* item, const std::wstring& imagePath) {
+  ComPtr<IShellItem2> item2;
+  Require(SUCCEEDED(item->QueryInterface(IID_PPV_ARGS(item2.GetAddressOf()))), "an item");
+  wchar_t* path = nullptr;
+  Require(SUCCEEDED(item2->GetDisplayName(SIGDN_FILESYSPATH, &path)), "an item's path");
+  const UniqueTaskText owner(path);
+  OutputDebugStringW(L"bench (1) | a line about the request and the item\r\n");
+  const HBITMAP bitmap = BareDecode(imagePath);
+  OutputDebugStringW(L"bench (1) | a line about the thumbnail of the item\r\n");
+  return bitmap;
+}
+
+void BareStartServices() {
+  OutputDebugStringW(L"bench (1) | a line about the services\r\n");
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                     reinterpret_cast<LPCWSTR>(&BareStartServices), &module);
+  std::thread([] {
+    CoInitializeEx(nullptr, COINIT_DISABLE_OLE1DDE);
+    DWORD cookie = 0;
+    CoRegisterClassObject(CLSID_ShellLink, nullptr, CLSCTX_LOCAL_SERVER, REGCLS_MULTIPLEUSE,
+                          &cookie);
+    HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    DWORD index = 0;
+    CoWaitForMultipleHandles(COWAIT_DISPATCH_CALLS, INFINITE, 1, &event, &index);
+  }).detach();
+}
+
+void BareGuid() {
+  GUID guid;
+  Require(SUCCEEDED(CoCreateGuid(&guid)), "a GUID");
+  wchar_t* text = nullptr;
+  Require(SUCCEEDED(StringFromCLSID(guid, &text)), "a GUID's text");
+  CoTaskMemFree(text);
 }
 
 }  // namespace nimbra_bench
