@@ -185,15 +185,15 @@ run_checked() {
   run_ctest 'the same, memory and behaviour checked (Wine)' mingw-checked "${selection[@]}"
 }
 
-# The second toolchain. The ordinary run has time for the library's own tests and for what the
-# images are asked to have; --clang runs all.
+# The second toolchain. The ordinary run has time for the library's own tests, for what the images
+# are asked to have and for programs that link with it; --clang runs all.
 run_clang() {
   local targets=() tests=("${selection[@]}")
   if [[ $mode != clang ]]; then
-    targets=(nimbra mirror readme-example nimbra_unit_tests nimbra_dll_tests
+    targets=(nimbra nimbra_msvc_import_library mirror readme-example nimbra_unit_tests nimbra_dll_tests
       nimbra_dll_tests_without_manifest nimbra_dll_tests_with_partial_platform nimbra_header_in_c
       nimbra_header_in_cpp)
-    tests=(-R '^(nimbra_unit_tests|nimbra_dll_tests|nimbra_header|abi|protections)'
+    tests=(-R '^(nimbra_unit_tests|nimbra_dll_tests|nimbra_header|abi|protections|install\.library)'
       -E '^protections\.(minimal|nimbractl)$')
   fi
   build_targets clang-release "${targets[@]}" || return 0

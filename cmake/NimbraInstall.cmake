@@ -1,5 +1,5 @@
 # The package for developers: `cmake --install` makes its folder, `cpack` the zip. What is in it is
-# in docs/packaging.md.
+# in docs/packaging.md. The component `library` is what programs are built with.
 
 include(CMakePackageConfigHelpers)
 
@@ -12,12 +12,12 @@ set(generated "${CMAKE_BINARY_DIR}/packaging")
 # The library
 
 install(TARGETS nimbra
-  RUNTIME DESTINATION bin
-  ARCHIVE DESTINATION lib)
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/nimbra" DESTINATION include
+  RUNTIME DESTINATION bin COMPONENT library
+  ARCHIVE DESTINATION lib COMPONENT library)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/nimbra" DESTINATION include COMPONENT library
   FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 install(FILES "$<TARGET_FILE:nimbra>.debug" "$<TARGET_FILE_DIR:nimbra>/Nimbra.pdb"
-  DESTINATION bin OPTIONAL)
+  DESTINATION bin COMPONENT library OPTIONAL)
 
 # What MinGW's linker reads, linkers of the MSVC kind cannot.
 if(MINGW)
@@ -30,7 +30,7 @@ if(MINGW)
       DEPENDS "${definitions}"
       VERBATIM)
     add_custom_target(nimbra_msvc_import_library ALL DEPENDS "${library}")
-    install(FILES "${library}" DESTINATION lib)
+    install(FILES "${library}" DESTINATION lib COMPONENT library)
   else()
     install(CODE "message(FATAL_ERROR \"llvm-dlltool, which makes lib/Nimbra.lib, is missing: \
 install Debian's llvm-19 and configure again\")")
@@ -52,9 +52,9 @@ write_basic_package_version_file("${generated}/NimbraConfigVersion.cmake"
   COMPATIBILITY ${compatibility})
 configure_file("${packaging}/cmake/nimbra.pc.in" "${generated}/nimbra.pc" @ONLY)
 install(FILES "${generated}/NimbraConfig.cmake" "${generated}/NimbraConfigVersion.cmake"
-  DESTINATION lib/cmake/Nimbra)
-install(FILES "${generated}/nimbra.pc" DESTINATION lib/pkgconfig)
-install(FILES cmake/host.manifest cmake/host-manifest.rc DESTINATION share/nimbra)
+  DESTINATION lib/cmake/Nimbra COMPONENT library)
+install(FILES "${generated}/nimbra.pc" DESTINATION lib/pkgconfig COMPONENT library)
+install(FILES cmake/host.manifest cmake/host-manifest.rc DESTINATION share/nimbra COMPONENT library)
 install(DIRECTORY "${packaging}/nuget" DESTINATION "${papers}")
 
 # Programs
@@ -127,6 +127,7 @@ endif()
 # The archiver is ours, as those of cpack put the time of packing into the zip.
 set(CPACK_GENERATOR External)
 set(CPACK_EXTERNAL_ENABLE_STAGING ON)
+set(CPACK_MONOLITHIC_INSTALL ON)
 set(CPACK_EXTERNAL_PACKAGE_SCRIPT "${packaging}/cmake/pack.cmake")
 set(CPACK_NIMBRA_PYTHON "${NIMBRA_PYTHON}")
 set(CPACK_PACKAGE_NAME nimbra)

@@ -13,7 +13,8 @@ MINGW = "x86_64-w64-mingw32-"
 COMPILER = MINGW + "gcc-posix"
 TIMEOUT = 300
 
-BUILD = pathlib.Path()  # run.py sets it
+BUILD = pathlib.Path()  # run.py sets these
+COMPONENT = None
 _folders = []
 
 
@@ -82,7 +83,8 @@ def text_of(name):
 @functools.cache
 def installed():
     prefix = new_folder() / "nimbra"
-    run("cmake", "--install", BUILD, "--prefix", prefix)
+    component = ("--component", COMPONENT) if COMPONENT else ()
+    run("cmake", "--install", BUILD, "--prefix", prefix, *component)
     return prefix
 
 

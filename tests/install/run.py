@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Installs a build's package and tests it as its users get it. ctest calls it; so can a person:
 
-    run.py --build build/mingw-release [test_linking.MinGW ...]
+    run.py --build build/mingw-release [--component library] [test_linking.MinGW ...]
 """
 
 import argparse
@@ -23,9 +23,11 @@ MODULES = [
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("--component", help="install no more of the package than this")
     parser.add_argument("tests", nargs="*", default=MODULES)
     arguments = parser.parse_args()
     package.BUILD = arguments.build.resolve()
+    package.COMPONENT = arguments.component
     try:
         suite = unittest.defaultTestLoader.loadTestsFromNames(arguments.tests)
         result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
