@@ -10,6 +10,7 @@ SPDX_IDS = {
     "BSD-3-clause-Lockless": "BSD-3-Clause",
     "Expat": "MIT",
     "ISC": "ISC",
+    "MIT": "MIT",
     "ZPL-2.1": "ZPL-2.1",
     "expat": "MIT",
 }
@@ -39,9 +40,10 @@ HEAD = """\
 THIRD-PARTY NOTICES
 
 What is in the files of Nimbra {version} for Windows besides its own code. Most of it is part of
-the compiler's runtime; each DLL or program that this compiler builds has such parts. The list is
-made from the linker's own record, the texts are those of the Debian packages that were used. Of a
-library of which a part is linked in, the licences of the whole are given.
+the compiler's runtime; each DLL or program that this compiler builds has such parts. What is linked
+in is listed from the linker's own record; libraries of headers only, and what the documentation site
+is made with, are listed by hand. The texts are those of the Debian packages that were used. Of a
+library of which a part is taken, the licences of the whole are given.
 
 Nimbra itself has no licence yet: see LICENCE-STATUS.txt.
 

@@ -159,9 +159,7 @@ class CMake(LinkingCase):
             with self.subTest(toolchain):
                 file = package.new_folder() / "toolchain.cmake"
                 file.write_text(f'include("{CONSUMER}/{toolchain}")\n{target}\n', encoding="utf-8")
-                result, _ = self.configure(
-                    package.installed(), f"-DCMAKE_TOOLCHAIN_FILE={file}"
-                )
+                result, _ = self.configure(package.installed(), f"-DCMAKE_TOOLCHAIN_FILE={file}")
                 self.assertNotEqual(result.returncode, 0)
                 self.assertIn("Nimbra is for x64 Windows only.", result.stdout)
 

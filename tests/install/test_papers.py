@@ -80,7 +80,8 @@ class Papers(unittest.TestCase):
 
     def test_the_sbom_has_the_runtime_of_the_compiler_with_its_versions_and_licences(self):
         compiler = package.run(package.MINGW + "g++-posix", "-dumpfullversion").strip()
-        for name in ("libgcc", "libstdc++", "mingw-w64-crt", "winpthreads"):
+        of_clang = ("clang-headers",) if package.is_from_clang() else ()
+        for name in ("libgcc", "libstdc++", "mingw-w64-crt", "winpthreads", *of_clang):
             self.assertIn(name, self.components)
         for component in self.components.values():
             if component["type"] == "library":
@@ -91,6 +92,13 @@ class Papers(unittest.TestCase):
         self.assertIn(shown.replace("+", "%2B"), libstdcpp["purl"])
         # Debian's compiler says 12-posix.
         self.assertEqual(libstdcpp["version"].split(".")[0], re.match(r"\d+", compiler).group(0))
+
+    def test_the_sbom_has_what_the_site_is_made_with(self):
+        theme = self.components["mkdocs-material"]
+        shown = package.run("dpkg-query", "-W", "-f=${Version}", "mkdocs-material")
+        self.assertIn(f"@{shown}?", theme["purl"])
+        self.assertEqual(theme["licenses"], [{"expression": "MIT"}])
+        self.assertIn({"name": "taken into", "value": "share/doc/nimbra/html"}, theme["properties"])
 
     def test_all_that_is_compiled_in_comes_from_what_the_sbom_names(self):
         listing = package.run("ninja", "-C", package.BUILD, "-t", "deps")

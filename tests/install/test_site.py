@@ -79,7 +79,9 @@ class WithoutTools(unittest.TestCase):
         self.assertIn(f"{missing} is missing: the package is without the documentation", packed)
 
     def test_a_package_made_without_mkdocs_says_so(self):
-        self.assert_said("mkdocs (Debian's packages mkdocs and mkdocs-material)", "-DNIMBRA_MKDOCS=")
+        self.assert_said(
+            "mkdocs (Debian's packages mkdocs and mkdocs-material)", "-DNIMBRA_MKDOCS="
+        )
 
     def test_a_package_made_without_the_theme_says_so(self):
         other = package.new_folder() / "mkdocs"
