@@ -53,9 +53,25 @@ def sha256(data):
     return hashlib.sha256(data).hexdigest()
 
 
+def cell(row):
+    """The first one of a row of a table in Markdown."""
+    return row.strip("|").split("|")[0]
+
+
 class Files(unittest.TestCase):
     def test_all_is_there(self):
         self.assertEqual(EXPECTED - set(package.files_of(package.installed())), set())
+
+    def test_it_has_what_its_document_names(self):
+        text = text_of("docs/packaging.md")
+        table = text.partition("## What is in it")[2].partition("\n\n|")[2].partition("\n\n")[0]
+        named = {name for row in table.splitlines() for name in re.findall(r"`([^`]+)`", cell(row))}
+        by_hand = re.findall(r"<package>\\([\w\\.*]+)", text)
+        self.assertGreater(len(named), 15)
+        self.assertEqual(len(by_hand), 4)
+        others = {SYMBOLS[not package.is_from_clang()]}
+        for name in named - others | {name.replace("\\", "/") for name in by_hand}:
+            self.assertTrue(list(package.installed().glob(name)), name)
 
     def test_the_symbols_are_those_of_the_compiler(self):
         found = set(package.files_of(package.installed())) & set(SYMBOLS.values())
