@@ -3,8 +3,10 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 #include "protocol/wire.h"
@@ -37,6 +39,14 @@ inline bool ReceiveAll(int socket, void* bytes, std::size_t size) {
 
 inline bool SendFrame(int socket, wire::FrameHeader header, std::string_view payload) {
   header.payloadLength = static_cast<std::uint32_t>(payload.size());
+  // In two parts, a short one would wake its receiver twice.
+  constexpr std::size_t kShort = 4096;
+  if (payload.size() <= kShort) {
+    std::array<char, sizeof header + kShort> frame;
+    std::memcpy(frame.data(), &header, sizeof header);
+    payload.copy(frame.data() + sizeof header, payload.size());
+    return SendAll(socket, frame.data(), sizeof header + payload.size());
+  }
   return SendAll(socket, &header, sizeof header) && SendAll(socket, payload.data(), payload.size());
 }
 

@@ -81,6 +81,8 @@ void Initialize(void*, fuse_conn_info* connection) {
   if ((connection->capable & FUSE_CAP_EXPLICIT_INVAL_DATA) != 0) {
     connection->want |= FUSE_CAP_EXPLICIT_INVAL_DATA;
   }
+  // The data of a read goes from the file to the kernel without a buffer of our own.
+  connection->want |= connection->capable & FUSE_CAP_SPLICE_WRITE;
   connection->max_background = kMaxBackground;
 }
 
