@@ -9,6 +9,7 @@
 
 #include "tests/dll/loaded-library.h"
 #include "tests/dll/options.h"
+#include "tests/dll/platform-failures.h"
 
 namespace {
 
@@ -198,6 +199,52 @@ TEST(UnloadingTest, AFailedConnectionDoesNotKeepTheLibrary) {
   NIMBRA_FUNCTION(library, CORVWinCFSyncRootRelease)(&root);
   library.Free();
   EXPECT_FALSE(LoadedLibrary::IsLoaded());
+}
+
+// A platform that gives transfer keys, and nothing else: a transfer takes a buffer then.
+HMODULE WINAPI GiveSomeModule(LPCWSTR, HANDLE, DWORD) { return GetModuleHandleW(nullptr); }
+
+HRESULT WINAPI GiveKey(HANDLE, LARGE_INTEGER* key) {
+  key->QuadPart = 1;
+  return S_OK;
+}
+
+FARPROC WINAPI FindGiveKey(HMODULE, LPCSTR name) {
+  return std::string(name) == "CfGetTransferKey"
+             ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&GiveKey))
+             : nullptr;
+}
+
+void* transferBuffer = nullptr;
+
+LPVOID WINAPI KeepAddress(LPVOID at, SIZE_T size, DWORD type, DWORD protection) {
+  transferBuffer = VirtualAlloc(at, size, type, protection);
+  return transferBuffer;
+}
+
+TEST(UnloadingTest, TheBufferThatIsKeptForTransfersGoesWithTheLibrary) {
+  LoadedLibrary library;
+  {
+    const ScopedImportHook load(library.Module(), "LoadLibraryExW",
+                                reinterpret_cast<void*>(&GiveSomeModule));
+    const ScopedImportHook find(library.Module(), "GetProcAddress",
+                                reinterpret_cast<void*>(&FindGiveKey));
+    const ScopedImportHook pages(library.Module(), "VirtualAlloc",
+                                 reinterpret_cast<void*>(&KeepAddress));
+    const nimbra_test::ClientObjects objects(library);
+    // The first chunk is refused.
+    EXPECT_EQ(NIMBRA_FUNCTION(library, CORVWinCFSyncRootProactiveTransferToPlaceholder)(
+                  objects.root, objects.placeholder, objects.file.c_str()),
+              -1);
+  }
+  ASSERT_NE(transferBuffer, nullptr);
+  MEMORY_BASIC_INFORMATION facts{};
+  VirtualQuery(transferBuffer, &facts, sizeof facts);
+  EXPECT_EQ(facts.State, static_cast<DWORD>(MEM_COMMIT));
+  library.Free();
+  EXPECT_FALSE(LoadedLibrary::IsLoaded());
+  VirtualQuery(transferBuffer, &facts, sizeof facts);
+  EXPECT_EQ(facts.State, static_cast<DWORD>(MEM_FREE));
 }
 
 }  // namespace

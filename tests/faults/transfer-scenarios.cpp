@@ -38,15 +38,14 @@ Scenario OfRoot(const char* name, std::function<std::int64_t(Stage&)> call, Outc
 // A file of two pieces, so that what happens between them happens too.
 constexpr std::int64_t kTwoPieces = (std::int64_t{4} << 20) + 1;
 
-std::vector<Row> ProactiveRows() {
+// `hasKept`: a transfer before has left its buffer, so that no memory is taken.
+std::vector<Row> ProactiveRows(bool hasKept) {
   const auto line = [](const std::string& message) { return "sync-root|#|" + message; };
-  return {
+  std::vector<Row> rows = {
       {"CfGetTransferKey", {-1, {line("Failed to obtain trans key{code}")}, "0 answers"}},
       // The file is not tested; asking for its size fails then.
       {"CreateFileW", {-1, {line("Get file size failed: {source}: ec = 6")}, "0 answers"}},
       {"GetFileSizeEx", {-1, {line("Get file size failed: {source}: ec = {code}")}, "0 answers"}},
-      {"VirtualAlloc",
-       {-1, {line("Failed to allocate the transfer buffer, ec = {code}")}, "0 answers"}},
       {"SetFilePointerEx",
        {-1, {line("Failed to set file pointer to 0 ec = {code}")}, "0 answers"},
        1},
@@ -62,6 +61,45 @@ std::vector<Row> ProactiveRows() {
        {-1, {line("Failed: {code}"), line("Failed to transfer [4194304, 4194305]")}, "1 answers"},
        2},
   };
+  if (!hasKept) {
+    rows.push_back(
+        {"VirtualAlloc",
+         {-1, {line("Failed to allocate the transfer buffer, ec = {code}")}, "0 answers"}});
+  }
+  return rows;
+}
+
+std::int64_t TransferFile(Stage& stage, const std::string& path) {
+  return CALL(CORVWinCFSyncRootProactiveTransferToPlaceholder, stage.root, stage.placeholder,
+              path.c_str());
+}
+
+// Each round begins and ends without a kept buffer: disconnecting frees it. With `hasKept` the
+// setting up makes one.
+Scenario ProactiveTransfer(bool hasKept) {
+  Scenario transfer =
+      OfRoot("CORVWinCFSyncRootProactiveTransferToPlaceholder",
+             Answering([](Stage& stage) { return TransferFile(stage, stage.names.at("source")); }),
+             {0, {}, "2 answers"}, ProactiveRows(hasKept), -1);
+  transfer.setUp = [hasKept](Stage& stage) {
+    if (!stage.names.contains("source")) {
+      stage.names["source"] = stage.folder.WriteLargeFile("source", kTwoPieces);
+    }
+    NewRoot(stage);
+    OpenPlaceholder(stage);
+    if (hasKept) {
+      TransferFile(stage, stage.file);
+      stage.cloud.Clear();
+    }
+  };
+  transfer.tearDown = [](Stage& stage) {
+    CALL(CORVWinCFSyncRootDisconnect, stage.root);
+    ReleaseAll(stage);
+  };
+  transfer.variant = hasKept ? "WithAKeptBuffer" : "";
+  transfer.share = 100;
+  transfer.whyFewer = "each round moves 4 MiB";
+  return transfer;
 }
 
 }  // namespace
@@ -94,22 +132,8 @@ std::vector<Scenario> TransferScenarios() {
       Answering([](Stage& stage) { return CALL(CORVWinCFSyncRootAckDelete, stage.root, 1, 0, 0); }),
       {0, {}, "1 answers"},
       {{"CfExecute", {-1, {"sync-root|#|Failed to ack rename{code}"}, "0 answers"}}}, -1));
-  Scenario transfer =
-      OfRoot("CORVWinCFSyncRootProactiveTransferToPlaceholder", Answering([](Stage& stage) {
-               return CALL(CORVWinCFSyncRootProactiveTransferToPlaceholder, stage.root,
-                           stage.placeholder, stage.names.at("source").c_str());
-             }),
-             {0, {}, "2 answers"}, ProactiveRows(), -1);
-  transfer.setUp = [](Stage& stage) {
-    if (!stage.names.contains("source")) {
-      stage.names["source"] = stage.folder.WriteLargeFile("source", kTwoPieces);
-    }
-    NewRoot(stage);
-    OpenPlaceholder(stage);
-  };
-  transfer.share = 100;
-  transfer.whyFewer = "each round moves 4 MiB";
-  scenarios.push_back(transfer);
+  scenarios.push_back(ProactiveTransfer(false));
+  scenarios.push_back(ProactiveTransfer(true));
   return scenarios;
 }
 

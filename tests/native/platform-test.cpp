@@ -55,13 +55,12 @@ TEST_F(NativePlatform, AnIdentityThatClaimsToBeLongerThanTheAnswerEndsWithIt) {
   }
 }
 
-class NativeTransfer : public NativePlatform, public testing::WithParamInterface<std::size_t> {};
-
-TEST_P(NativeTransfer, HandsOverTheWholeFileInChunksWithACleanTail) {
+// Transfers a file of that size and looks at what the platform was given.
+void ExpectTransfer(std::size_t size) {
   constexpr std::int64_t kChunk = std::int64_t{4} << 20;
   FakeCloud cloud;
   cloud.bufferSize = static_cast<std::size_t>(kChunk);
-  std::string content(GetParam(), 'd');
+  std::string content(size, 'd');
   if (!content.empty()) content.back() = 'e';
   Windows().fileContent = content;
   PlaceholderWinCF placeholder("C:/a");
@@ -81,8 +80,22 @@ TEST_P(NativeTransfer, HandsOverTheWholeFileInChunksWithACleanTail) {
   EXPECT_EQ(Windows().openHandles, 1) << "only the placeholder is still open";
 }
 
+class NativeTransfer : public NativePlatform, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(NativeTransfer, HandsOverTheWholeFileInChunksWithACleanTail) { ExpectTransfer(GetParam()); }
+
+// What an earlier transfer left in a buffer that is used again.
+TEST_P(NativeTransfer, DoesSoAfterOthersToo) {
+  for (const std::size_t before : {5U << 20, 3U << 20, 1U << 20, 4096U, 1U}) {
+    SCOPED_TRACE(before);
+    ExpectTransfer(before);
+    ExpectTransfer(GetParam());
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Sizes, NativeTransfer,
-                         testing::Values(0, 1, (4 << 20) - 1, 4 << 20, (4 << 20) + 1, 9 << 20));
+                         testing::Values(0, 1, 1 << 20, (4 << 20) - 1, 4 << 20, (4 << 20) + 1,
+                                         9 << 20));
 
 TEST_F(NativePlatform, AnUnavailableFolderGivesAnEmptyPath) {
   EXPECT_EQ(corvdrive::cloud_filter::GetLocalAppDataDir(), "");

@@ -14,6 +14,7 @@
 #include "tests/unit/open-placeholder.h"
 #include "win-cf/placeholder.h"
 #include "win-cf/sync-root.h"
+#include "win-cf/transfer-buffer.h"
 
 // What the operations cost beside the platform's own work. The numbers do not hang on the machine.
 
@@ -291,6 +292,10 @@ using PagesDouble = ImportDouble<"VirtualAlloc", decltype(&::VirtualAlloc)>;
 
 class TransferCountTest : public OpenPlaceholderTest {
  protected:
+  // Each test begins and ends without a kept buffer.
+  TransferCountTest() { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
+  ~TransferCountTest() override { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
+
   // A local file that is said to have that size and costs no reading.
   void Transfer(std::int64_t size) {
     const ImportDouble<"GetFileSizeEx", decltype(&::GetFileSizeEx)> sizes(
@@ -306,6 +311,8 @@ class TransferCountTest : public OpenPlaceholderTest {
           return TRUE;
         });
     const PagesDouble pages(makePages_);
+    root_.transfers = 0;
+    root_.transferred = 0;
     corvdrive::cloud_filter::PlaceholderWinCF placeholder(path_);
     ASSERT_TRUE(placeholder.Open());
     {
@@ -342,6 +349,17 @@ TEST_F(TransferCountTest, ASmallFileIsOneTransferAndTakesNothingFromTheHeap) {
   EXPECT_EQ(reads_, 1);
   EXPECT_EQ(root_.buffers, readInto_) << "nothing is copied";
   EXPECT_EQ(allocations_, 0);
+}
+
+TEST_F(TransferCountTest, TheNextTransferTakesNoMemoryAtAll) {
+  for (const std::int64_t size : {std::int64_t{4096}, std::int64_t{1} << 30}) {
+    Transfer(size);
+    Transfer(size);
+    EXPECT_EQ(buffers_, 0) << size;
+    EXPECT_EQ(allocations_, 0) << size;
+  }
+  EXPECT_EQ(root_.buffers.size(), 1u);
+  EXPECT_EQ(root_.buffers, readInto_) << "nothing is copied";
 }
 
 TEST_F(TransferCountTest, ASmallFilesTransferTouchesNothingOfTheBufferPastIt) {

@@ -1,9 +1,6 @@
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdint>
-#include <set>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,7 +11,7 @@
 #include "tests/support/heap-watch.h"
 #include "tests/support/import-double.h"
 #include "tests/support/temp-folder.h"
-#include "tests/unit/transfer-fixture.h"
+#include "tests/unit/proactive-transfer-fixture.h"
 #include "win-cf/placeholder.h"
 #include "win-cf/sync-root.h"
 
@@ -26,66 +23,22 @@ using nimbra_test::FileWatch;
 using nimbra_test::GetTransferKeyCall;
 using nimbra_test::IsLogLine;
 using nimbra_test::kAccessDenied;
+using nimbra_test::kChunk;
+using nimbra_test::kMiB;
 using nimbra_test::kSyncRootSource;
+using nimbra_test::kTransferKey;
 using nimbra_test::Placeholder;
+using nimbra_test::ProactiveTransferTest;
+using nimbra_test::ReadFileDouble;
 using nimbra_test::ReleaseTransferKeyCall;
+using nimbra_test::ShrunkenFile;
 using nimbra_test::Wide;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int64_t kMiB = std::int64_t{1024} * 1024;
-constexpr std::int64_t kChunk = 4 * kMiB;
-constexpr std::int64_t kTransferKey = 0x5152535455565758;
-
 using GetFileSizeDouble = nimbra_test::ImportDouble<"GetFileSizeEx", decltype(&::GetFileSizeEx)>;
 using SetFilePointerDouble =
     nimbra_test::ImportDouble<"SetFilePointerEx", decltype(&::SetFilePointerEx)>;
-using ReadFileDouble = nimbra_test::ImportDouble<"ReadFile", decltype(&::ReadFile)>;
-
-// A placeholder with an open handle, and a local file with the data.
-class ProactiveTransferTest : public nimbra_test::TransferFixture {
- protected:
-  ProactiveTransferTest() : placeholder_(folder_.WriteFile("placeholder", "")) {
-    cloud_.SetTransferKey(kTransferKey);
-    cloud_.SetTransferBufferSize(kChunk);
-    const FileWatch files;
-    if (CORVWinCFPlaceholderOpen(placeholder_.Get()) != 0) {
-      throw std::runtime_error("no open placeholder");
-    }
-    placeholderFile_ = files.Openings().at(0).handle;
-  }
-
-  int Transfer(const std::string& localPath) {
-    return CORVWinCFSyncRootProactiveTransferToPlaceholder(root_.Get(), placeholder_.Get(),
-                                                           localPath.c_str());
-  }
-
-  // Content that differs from chunk to chunk and has no zero byte.
-  static std::string Content(std::int64_t size) {
-    std::string content(static_cast<std::size_t>(size), '\0');
-    std::uint32_t state = 12345;
-    for (char& byte : content) {
-      state = state * 1664525 + 1013904223;
-      byte = static_cast<char>(state >> 24 | 1);
-    }
-    return content;
-  }
-
-  std::string LocalFile(std::int64_t size) { return folder_.WriteFile("local", Content(size)); }
-
-  // The key is released once, with the values it was obtained with, after everything else.
-  void ExpectKeyReleased() {
-    EXPECT_EQ(cloud_.Only<GetTransferKeyCall>().file, placeholderFile_);
-    const auto release = cloud_.Only<ReleaseTransferKeyCall>();
-    EXPECT_EQ(release.file, placeholderFile_);
-    EXPECT_EQ(release.transferKey, kTransferKey);
-    EXPECT_EQ(cloud_.CallNames().back(), "CfReleaseTransferKey");
-  }
-
-  nimbra_test::TempFolder folder_;
-  Placeholder placeholder_;
-  HANDLE placeholderFile_ = nullptr;
-};
 
 struct SizeRow {
   std::int64_t size;
@@ -298,21 +251,6 @@ TEST_F(ProactiveTransferTest, AFailedReadEndsTheTransferAtItsChunk) {
     EXPECT_EQ(files.StillOpen(), 0);
   }
 }
-
-// As a file behaves that another program cuts during the transfer.
-class ShrunkenFile {
- public:
-  ShrunkenFile(int call, DWORD bytes)
-      : read_([this, call, bytes](ReadFileDouble::Function original, HANDLE file, LPVOID buffer,
-                                  DWORD length, LPDWORD done, LPOVERLAPPED overlapped) {
-          const DWORD asked = ++calls_ == call ? std::min(bytes, length) : length;
-          return original(file, buffer, asked, done, overlapped);
-        }) {}
-
- private:
-  int calls_ = 0;
-  ReadFileDouble read_;
-};
 
 TEST_F(ProactiveTransferTest, AShortReadEndsTheTransferAndSendsNothingOfIt) {
   const std::string path = LocalFile(10 * kMiB);

@@ -1,9 +1,12 @@
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 
+#include "common/cldapi-table.h"
 #include "nimbra/nimbra.h"
+#include "tests/support/cloud-facts.h"
 #include "tests/support/heap-watch.h"
 #include "tests/support/nimbra-test.h"
 #include "tests/support/temp-folder.h"
@@ -29,6 +32,7 @@ class SyncRootIdentityTest : public NimbraTest {
   }
 
   std::array<char, 70000> buffer_;
+  std::string leftBehind_;
 };
 
 TEST_F(SyncRootIdentityTest, CopiesTheIdentityBytesWithoutATerminator) {
@@ -84,14 +88,33 @@ TEST_F(SyncRootIdentityTest, RefusesAnIdentityThatDoesNotFit) {
                                                    kPath + ", ec: -2147024662")));
 }
 
-TEST_F(SyncRootIdentityTest, AWrongLengthLeadsNoFurtherThanTheQuerysBuffer) {
-  cloud_.SetSyncRoot({.identity = "id", .statedIdentityLength = 0xFFFFFFFF});
+// Whatever lay in the memory that the platform was given to write to.
+TEST_F(SyncRootIdentityTest, AWrongLengthGivesZeros) {
+  for (const ULONG stated : {3u, 64480u, 64481u, 0xFFFFFFFFu}) {
+    SCOPED_TRACE(stated);
+    buffer_.fill(static_cast<char>(0xCC));
+    cloud_.SetSyncRoot({.identity = "id", .statedIdentityLength = stated});
+    // A block of that size is handed out again next, with what is in it.
+    std::string(65536 - 1, static_cast<char>(0xEE)).swap(leftBehind_);
+    std::string().swap(leftBehind_);
 
+    EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(kPath, buffer_.data()), 0);
+
+    const std::size_t length = std::min<std::size_t>(stated, 65536 - 1056);
+    EXPECT_TRUE(Written() == "id" + std::string(length - 2, '\0'));
+  }
+}
+
+TEST_F(SyncRootIdentityTest, APlatformThatDoesNotSayHowMuchItWroteIsBelieved) {
+  corvdrive::cloud_filter::CldApi silent = corvdrive::cloud_filter::Cloud();
+  silent.CfGetSyncRootInfoByPath = [](LPCWSTR, CF_SYNC_ROOT_INFO_CLASS infoClass, PVOID buffer,
+                                      DWORD length, DWORD*) {
+    return FillSyncRoot({"identity"}, infoClass, buffer, length, nullptr);
+  };
+  const auto* previous = corvdrive::cloud_filter::ExchangeCldApi(&silent);
   EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(kPath, buffer_.data()), 0);
-
-  EXPECT_EQ(std::string(buffer_.data(), 2), "id");
-  EXPECT_EQ(Written().find('\xCC'), std::string::npos);
-  EXPECT_LE(Written().size(), 65536u - 1056u);
+  corvdrive::cloud_filter::ExchangeCldApi(previous);
+  EXPECT_EQ(Written(), "identity");
 }
 
 TEST_F(SyncRootIdentityTest, CopiesNothingForAnEmptyIdentity) {

@@ -1,5 +1,6 @@
 #include <algorithm>
-#include <cstring>
+#include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "common/cldapi-table.h"
@@ -8,20 +9,14 @@
 #include "common/text.h"
 #include "win-cf/placeholder.h"
 #include "win-cf/sync-root.h"
+#include "win-cf/transfer-buffer.h"
 
 namespace corvdrive::cloud_filter {
 namespace {
 
 constexpr char kSource[] = R"(lib\cloud-filter\win-cf\sync-root)";
 
-constexpr std::int64_t kChunkSize = std::int64_t{4} << 20;
-
-struct PagesTraits {
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type pages) noexcept { VirtualFree(pages, 0, MEM_RELEASE); }
-};
-using UniquePages = UniqueResource<PagesTraits>;
+constexpr std::int64_t kChunkSize = TransferBuffer::kSize;
 
 // A placeholder's transfer key, released with the object.
 class TransferKey {
@@ -79,7 +74,7 @@ bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
   // Declared so that on every way out the buffer goes first, then the key, then the file.
   UniqueFile file;
   TransferKey key(placeholder.Handle());
-  UniquePages buffer;
+  TransferBuffer buffer;
 
   if (const HRESULT result = key.Obtain(); FAILED(result)) {
     Log(kSource, __LINE__, "Failed to obtain trans key", result);
@@ -97,24 +92,18 @@ bool SyncRootWinCF::ProactiveTransfer(const PlaceholderWinCF& placeholder,
   if (size.QuadPart == 0) {
     return true;
   }
-  // Fresh pages are zero and cost nothing until they are touched.
-  buffer.Reset(VirtualAlloc(nullptr, kChunkSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-  if (!buffer.IsValid()) {
+  if (!buffer.Obtain(static_cast<std::size_t>(std::min(kChunkSize, size.QuadPart)))) {
     const DWORD error = GetLastError();
     Log(kSource, __LINE__, "Failed to allocate the transfer buffer, ec = ", ErrorNumber(error));
     return false;
   }
   for (std::int64_t offset = 0; offset < size.QuadPart; offset += kChunkSize) {
     const std::int64_t length = std::min(kChunkSize, size.QuadPart - offset);
-    if (offset > 0 && length < kChunkSize) {
-      // The bytes past the last chunk are zero, as in every chunk before.
-      std::memset(static_cast<char*>(buffer.Get()) + length, 0,
-                  static_cast<std::size_t>(kChunkSize - length));
-    }
-    if (!ReadChunk(file.Get(), localPath, offset, length, buffer.Get())) {
+    void* const chunk = buffer.PrepareChunk(static_cast<std::size_t>(length));
+    if (!ReadChunk(file.Get(), localPath, offset, length, chunk)) {
       return false;
     }
-    if (TransferData(key.Value(), 0, buffer.Get(), offset, length, 0) != S_OK) {
+    if (TransferData(key.Value(), 0, chunk, offset, length, 0) != S_OK) {
       Log(kSource, __LINE__, "Failed to transfer [", offset, ", ", offset + length, "]");
       return false;
     }

@@ -11,6 +11,7 @@
 #include "win-cf/callback-dispatch.h"
 #include "win-cf/operations.h"
 #include "win-cf/registration.h"
+#include "win-cf/transfer-buffer.h"
 
 namespace corvdrive::cloud_filter {
 namespace {
@@ -116,6 +117,8 @@ HRESULT SyncRootWinCF::Disconnect() {
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to disconnected from syncroot, err: ", result);
   }
+  // Callbacks have ended, and their transfers with them. Another root's next one takes fresh pages.
+  FreeKeptTransferBuffer();
   return result;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include "common/cldapi-table.h"
 #include "common/debug-log.h"
@@ -19,9 +20,28 @@ constexpr char kSource[] = R"(lib\cloud-filter\nimbra-host\nimbra\nimbra)";
 
 constexpr DWORD kIdentityBufferSize = 65536;
 
+constexpr std::size_t kIdentityOffset = offsetof(CF_SYNC_ROOT_STANDARD_INFO, SyncRootIdentity);
+
+// Copies the identity out of an answer whose first `written` bytes the platform wrote; of an
+// identity that claims to be longer the rest is zero.
+void CopyIdentity(const std::byte* answer, std::size_t written, std::byte* identity) {
+  CF_SYNC_ROOT_STANDARD_INFO info;
+  std::memcpy(&info, answer, sizeof info);
+  // Both lengths come from outside; a wrong one must not lead past the buffer.
+  const std::size_t length =
+      std::min<std::size_t>(info.SyncRootIdentityLength, kIdentityBufferSize - kIdentityOffset);
+  const std::size_t given =
+      std::clamp<std::size_t>(written, kIdentityOffset, kIdentityOffset + length) - kIdentityOffset;
+  std::memcpy(identity, answer + kIdentityOffset, given);
+  std::memset(identity + given, 0, length - given);
+}
+
 bool CopySyncRootIdentity(const char* path, void* identity) {
-  const auto buffer = std::make_unique<std::byte[]>(kIdentityBufferSize);
-  DWORD returnedLength = 0;
+  // Clearing all of it would take longer than the rest of this.
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kIdentityBufferSize);
+  std::memset(buffer.get(), 0, sizeof(CF_SYNC_ROOT_STANDARD_INFO));
+  // Stays so when the platform does not say how much it has written.
+  DWORD returnedLength = kIdentityBufferSize;
   const HRESULT result =
       Cloud().CfGetSyncRootInfoByPath(WideText(path).Get(), CF_SYNC_ROOT_INFO_STANDARD,
                                       buffer.get(), kIdentityBufferSize, &returnedLength);
@@ -30,12 +50,7 @@ bool CopySyncRootIdentity(const char* path, void* identity) {
     return false;
   }
   if (identity != nullptr) {
-    constexpr std::size_t kOffset = offsetof(CF_SYNC_ROOT_STANDARD_INFO, SyncRootIdentity);
-    CF_SYNC_ROOT_STANDARD_INFO info;
-    std::memcpy(&info, buffer.get(), sizeof info);
-    // The length comes from outside; a wrong one must not lead past the buffer.
-    std::memcpy(identity, buffer.get() + kOffset,
-                std::min<std::size_t>(info.SyncRootIdentityLength, kIdentityBufferSize - kOffset));
+    CopyIdentity(buffer.get(), returnedLength, static_cast<std::byte*>(identity));
   }
   return true;
 }
