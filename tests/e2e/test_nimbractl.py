@@ -1,7 +1,5 @@
 """nimbractl: each command, as it goes well and as it fails, held against what is really there."""
 
-import datetime
-import json
 import os
 import pathlib
 import pty
@@ -9,8 +7,7 @@ import re
 import subprocess
 
 from harness.content import write_content
-from harness.nimbractl import Listener, NimbractlCase
-from harness.waiting import wait_until
+from harness.nimbractl import NimbractlCase
 from harness.wine import dos_path, wine_program
 
 PREFIX = "Corvane.Drive.FileStreaming.session."
@@ -443,117 +440,6 @@ class ExplorerEntries(NimbractlCase):
             "'{oops}' is no class identifier",
             self.failure("explorer", "unregister", "--clsid", "{oops}", code=2),
         )
-
-
-class DebugOutput(NimbractlCase):
-    needs_provider = False
-    LINE = "lib\\cloud-filter\\win-cf\\placeholder (183) | Failed to dehydrate all, reason: "
-
-    def speaker_command(self):
-        return [wine_program(), str(self.bin / "e2e-debug-speaker.exe")]
-
-    def speak(self, *lines):
-        """Gives the process id of the program that wrote them."""
-        said = self.prefix.run(self.bin / "e2e-debug-speaker.exe", *lines)
-        self.assertEqual(said.returncode, 0)
-        return int(said.stdout)
-
-    def test_the_library_s_lines_of_another_process_are_shown_readably_and_no_others(self):
-        plain = self.folder / "plain 中文 😀.txt"
-        plain.write_text("x")
-        log = Listener(self)
-        self.assertEqual(log.notes, ["nimbractl: listening; Ctrl+C ends it"])
-        self.speak("a foreign line\r\n", "lib\\cloud-filter without the rest\r\n")
-        self.run_ctl("state", plain)
-        line = log.wait_for("is not a placeholder, so it is fully hydrated")
-        self.assertRegex(
-            line,
-            r"^\d\d:\d\d:\d\d\.\d{3}  nimbractl\.exe \(\d+\)  Z:.*plain 中文 😀\.txt is not a "
-            r"placeholder, so it is fully hydrated  \[win-cf\\placeholder 202\]$",
-        )
-        pid = self.speak(self.LINE + "-2147024504\r\n")
-        line = log.wait_for("Failed to dehydrate all")
-        self.assertIn(f"  e2e-debug-speaker.exe ({pid})  ", line)
-        self.assertTrue(
-            line.endswith("reason: 0x80070188 ERROR_CLOUD_FILE_PINNED, it is pinned"
-                          "  [win-cf\\placeholder 183]"), line
-        )
-        self.assertFalse(any("foreign" in line or "without the rest" in line
-                             for line in log.lines), log.lines)
-
-    def test_all_shows_what_other_software_writes_in_its_code_page_too(self):
-        log = Listener(self, "--all")
-        self.speak("a foreign line: é", "another one\r\n", self.LINE + "-2147024504\r\n")
-        self.assertTrue(log.wait_for("a foreign line").endswith("  a foreign line: é"))
-        log.wait_for("ERROR_CLOUD_FILE_PINNED")
-        self.assertEqual([line.split("  ")[-1] for line in log.lines[:2]],
-                         ["a foreign line: é", "another one"])
-
-    def test_as_json_there_is_one_object_a_line(self):
-        log = Listener(self, "--json", "--all")
-        pid = self.speak('foreign "quoted" \\', self.LINE + "-2147024504\r\n")
-        log.wait_for("dehydrate all")
-        foreign, ours = (json.loads(line) for line in log.lines)
-        self.assertEqual((foreign["message"], foreign["library"]), ('foreign "quoted" \\', False))
-        self.assertEqual((ours["pid"], ours["program"]), (pid, "e2e-debug-speaker.exe"))
-        self.assertEqual((ours["source"], ours["number"]), ("win-cf\\placeholder", 183))
-        self.assertEqual(ours["result"], -2147024504)
-        self.assertEqual(ours["message"], "Failed to dehydrate all, reason: -2147024504")
-
-    def test_as_json_the_time_is_a_moment_whatever_the_zone(self):
-        start = datetime.datetime.now(datetime.timezone.utc)
-        log = Listener(self, "--json", TZ="America/St_Johns")
-        self.speak(self.LINE + "1\r\n")
-        text = json.loads(log.wait_for("dehydrate all"))["time"]
-        self.assertRegex(text, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}-0[23]:30$")
-        time = datetime.datetime.fromisoformat(text)
-        self.assertLess(abs(time - start), datetime.timedelta(minutes=2))
-
-    def test_pid_leaves_the_lines_of_one_process(self):
-        wanted = subprocess.Popen(
-            [*self.speaker_command(), "-", self.LINE + "wanted\r\n"],
-            env=self.prefix.environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-        )
-        pid = int(wanted.stdout.readline())
-        log = Listener(self, "--pid", pid)
-        self.speak(self.LINE + "other\r\n")
-        wanted.communicate(b"\n", timeout=20)
-        log.wait_for("reason: wanted")
-        self.assertEqual(len(log.lines), 1, log.lines)
-
-    def test_it_ends_after_the_time_that_it_was_given(self):
-        log = Listener(self, "--for", "0.2")
-        self.assertEqual((log.finish(), log.lines), (0, []))
-        self.assertEqual(log.notes, ["nimbractl: listening"])
-
-    def test_many_lines_of_many_processes_arrive_whole(self):
-        log = Listener(self)
-        names = [f"{name}{number}" for name in "abcd" for number in range(50)]
-        speakers = [
-            subprocess.Popen(
-                [*self.speaker_command(), *(f"{self.LINE}{name}\r\n" for name in names[at::4])],
-                env=self.prefix.environment(), stdout=subprocess.DEVNULL,
-            )
-            for at in range(4)
-        ]
-        for speaker in speakers:
-            self.assertEqual(speaker.wait(20), 0)
-        wait_until(lambda: len(log.lines) == len(names), what="all lines")
-        got = [re.search(r"reason: (\w+)  \[", line)[1] for line in log.lines]
-        self.assertEqual(sorted(got), sorted(names))
-
-    def test_only_one_program_can_listen_and_the_second_says_so(self):
-        Listener(self)
-        errors = self.failure("log", "--for", "1")
-        self.assertIn("another program reads the debugger output", errors)
-        self.assertIn("close it", errors)
-
-    def test_a_command_s_own_lines_reach_the_listener_although_it_reads_them_itself(self):
-        plain = self.folder / "plain.txt"
-        plain.write_text("x")
-        log = Listener(self)
-        self.assertIn("ERROR_CLOUD_FILE_NOT_UNDER_SYNC_ROOT", self.failure("pin", plain))
-        log.wait_for("Failed to pin to local: ")
 
 
 class Usage(NimbractlCase):

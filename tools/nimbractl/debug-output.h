@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -11,11 +12,19 @@
 namespace nimbractl {
 
 // The debugger output of all processes of the session, as Windows hands it to the one program that
-// asks for it. Every process that writes waits for this one meanwhile: be quick.
+// asks for it. Every process that writes waits for this one meanwhile, up to ten seconds a line: be
+// quick.
 class DebugOutput {
  public:
-  // Throws a Failure if another program has it.
+  // Throws a Failure if another program has it. One that has ended, or hangs, while a process waits
+  // for it has it no more.
   DebugOutput();
+  // Leaves no process waiting.
+  ~DebugOutput();
+  DebugOutput(const DebugOutput&) = delete;
+  DebugOutput& operator=(const DebugOutput&) = delete;
+
+  [[nodiscard]] bool WasLeftBehind() const { return wasLeftBehind_; }
 
   struct Line {
     DWORD processId = 0;
@@ -31,8 +40,15 @@ class DebugOutput {
     char text[4096 - sizeof(DWORD)];
   };
 
+  bool Create();
+  bool Open();
+  void Close();
+  bool IsServed();
+  void TakeOver();
+
   UniqueKernelObject mapping_, isFree_, isFilled_;
   UniqueView view_;
+  bool wasLeftBehind_ = false;
 };
 
 }  // namespace nimbractl

@@ -3,14 +3,17 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
-#include <vector>
 
 #include "commands.h"
 #include "console.h"
@@ -18,14 +21,23 @@
 #include "json.h"
 #include "library-log.h"
 #include "owners.h"
+#include "process-names.h"
 
 namespace nimbractl {
 namespace {
 
 HANDLE stopEvent = nullptr;
 
-BOOL WINAPI OnConsoleEvent(DWORD) {
+BOOL WINAPI OnConsoleEvent(DWORD event) {
+  constexpr DWORD kLessThanWindowsGrants = 4000;
+  // A second Ctrl+C ends what the first cannot: waiting for output to be taken.
+  if (WaitForSingleObject(stopEvent, 0) == WAIT_OBJECT_0) {
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(ExitCode::kSomeFailed));
+  }
   SetEvent(stopEvent);
+  // Windows ends the process when this returns, unless it was a key; the other threads must come
+  // to their end before.
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(kLessThanWindowsGrants);
   return TRUE;
 }
 
@@ -46,52 +58,16 @@ class StopOnControlC {
   UniqueKernelObject event_;
 };
 
-// The names of processes. No other process gets the id of one for as long as its name is kept.
-class ProcessNames {
- public:
-  std::string NameOf(DWORD processId) {
-    auto found = names_.find(processId);
-    if (found == names_.end()) {
-      std::erase_if(names_, [](const auto& one) { return one.second.HasEnded(); });
-      UniqueKernelObject process(
-          OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, FALSE, processId));
-      if (!process) return "?";
-      auto name = ProgramOf(process.get());
-      found = names_.emplace(processId, Named{std::move(process), std::move(name)}).first;
-    }
-    return found->second.name;
-  }
-
- private:
-  struct Named {
-    UniqueKernelObject process;  // holds the id
-    std::string name;
-    [[nodiscard]] bool HasEnded() const {
-      return WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0;
-    }
-  };
-
-  static std::string ProgramOf(HANDLE process) {
-    std::wstring path(32768, L'\0');
-    auto length = static_cast<DWORD>(path.size());
-    if (!QueryFullProcessImageNameW(process, 0, path.data(), &length)) return "?";
-    path.resize(length);
-    return Utf8(path.substr(path.rfind(L'\\') + 1));
-  }
-
-  std::map<DWORD, Named> names_;
-};
-
 // A moment as this machine's clock on the wall shows it.
 struct LocalTime {
   SYSTEMTIME time{};
   int minutesEastOfUtc = 0;
 };
 
-std::int64_t Ticks(const SYSTEMTIME& time) {
+Moment Ticks(const SYSTEMTIME& time) {
   FILETIME ticks{};
   SystemTimeToFileTime(&time, &ticks);
-  return static_cast<std::int64_t>(ticks.dwHighDateTime) << 32U | ticks.dwLowDateTime;
+  return ToMoment(ticks);
 }
 
 LocalTime Now() {
@@ -127,79 +103,160 @@ std::string DateTimeText(const LocalTime& now) {
   return date + TimeText(now) + zone;
 }
 
-class Viewer {
- public:
-  explicit Viewer(const LogOptions& options) : options_(options) {}
+// A line that is to be shown, with what is known only while it is fresh.
+struct Entry {
+  LocalTime time;
+  DWORD processId = 0;
+  ProcessNames::Program program;
+  std::string text;
+  std::optional<LibraryLine> parsed;
+};
 
-  // Gives false when nobody reads what it prints.
-  bool Show(const DebugOutput::Line& line) {
-    const auto& wanted = options_.processIds;
-    if (!wanted.empty() &&
-        std::find(wanted.begin(), wanted.end(), line.processId) == wanted.end()) {
-      return true;
+// Takes the lines as they come, on a thread of its own: however slow the output is, no process that
+// writes waits for it.
+class Intake {
+ public:
+  // `stop` is set by others, and by this when it is destroyed.
+  Intake(const LogOptions& options, HANDLE stop) : options_(options), stop_(stop) {
+    if (options.seconds) {
+      end_ = GetTickCount64() + static_cast<ULONGLONG>(*options.seconds * 1000);
     }
-    const auto parsed = ParseLibraryLine(line.text);
-    if (!parsed && !options_.all) return true;
-    const auto now = Now();
-    return WriteLine(Stream::kOutput,
-                     options_.json ? AsJson(now, line, parsed) : AsText(now, line, parsed));
+    auto output = std::make_unique<DebugOutput>();
+    wasLeftBehind_ = output->WasLeftBehind();
+    thread_ =
+        std::jthread([this, output = std::move(output)]() mutable { Run(std::move(output)); });
+  }
+  ~Intake() { SetEvent(stop_); }
+  Intake(const Intake&) = delete;
+  Intake& operator=(const Intake&) = delete;
+
+  [[nodiscard]] bool WasLeftBehind() const { return wasLeftBehind_; }
+
+  // The next one, waited for; nothing when there are no more.
+  std::optional<Entry> Next() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return hasEnded_ || !entries_.empty(); });
+    if (entries_.empty()) return std::nullopt;
+    auto entry = std::move(entries_.front());
+    entries_.pop_front();
+    return entry;
+  }
+
+  // How many were not kept, since this was last asked.
+  std::int64_t TakeLost() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(lost_, 0);
   }
 
  private:
-  static std::string WithoutLineBreak(std::string text) {
-    text.erase(text.find_last_not_of("\r\n") + 1);
-    return text;
+  // Milliseconds to wait; nothing when the end has come. The pauses tell how old a line may be.
+  [[nodiscard]] std::optional<DWORD> TimeLeft() const {
+    constexpr ULONGLONG kPause = 250;
+    if (!end_) return static_cast<DWORD>(kPause);
+    const auto now = GetTickCount64();
+    return now >= *end_ ? std::nullopt
+                        : std::optional(static_cast<DWORD>(std::min(*end_ - now, kPause)));
   }
 
-  std::string AsText(const LocalTime& now, const DebugOutput::Line& line,
-                     const std::optional<LibraryLine>& parsed) {
-    auto text = TimeText(now) + "  " + names_.NameOf(line.processId) + " (" +
-                std::to_string(line.processId) + ")  ";
-    if (!parsed) return text + WithoutLineBreak(line.text);
-    return text + ReadableMessage(parsed->message) + "  [" + parsed->source + " " +
-           std::to_string(parsed->number) + "]";
-  }
-
-  std::string AsJson(const LocalTime& now, const DebugOutput::Line& line,
-                     const std::optional<LibraryLine>& parsed) {
-    Json json{{"time", DateTimeText(now)},
-              {"pid", line.processId},
-              {"program", names_.NameOf(line.processId)},
-              {"library", parsed.has_value()}};
-    if (parsed) {
-      json["source"] = parsed->source;
-      json["number"] = parsed->number;
-      json["message"] = parsed->message;
-      json["result"] = OrNull(ResultIn(parsed->message));
-    } else {
-      json["message"] = WithoutLineBreak(line.text);
+  void Run(std::unique_ptr<DebugOutput> output) {
+    while (const auto left = TimeLeft()) {
+      const auto before = CurrentMoment();
+      if (const auto line = output->Next(stop_, *left)) {
+        Keep(*line, {before, CurrentMoment()});
+      } else if (WaitForSingleObject(stop_, 0) == WAIT_OBJECT_0) {
+        break;
+      }
     }
-    return JsonText(json, -1);
+    output.reset();
+    const std::lock_guard lock(mutex_);
+    hasEnded_ = true;
+    changed_.notify_all();
+  }
+
+  void Keep(const DebugOutput::Line& line, const ProcessNames::Written& written) {
+    constexpr std::size_t kMost = 100'000;
+    const auto& wanted = options_.processIds;
+    if (!wanted.empty() &&
+        std::find(wanted.begin(), wanted.end(), line.processId) == wanted.end()) {
+      return;
+    }
+    auto parsed = ParseLibraryLine(line.text);
+    if (!parsed && !options_.all) return;
+    Entry entry{Now(), line.processId, names_.ProgramOf(line.processId, written), line.text,
+                std::move(parsed)};
+    const std::lock_guard lock(mutex_);
+    if (entries_.size() < kMost) {
+      entries_.push_back(std::move(entry));
+    } else {
+      ++lost_;
+    }
+    changed_.notify_all();
   }
 
   const LogOptions& options_;
-  ProcessNames names_;
+  HANDLE stop_;
+  std::optional<ULONGLONG> end_;
+  bool wasLeftBehind_ = false;
+  ProcessNames names_;  // the thread's
+  std::mutex mutex_;    // guards what follows
+  std::condition_variable changed_;
+  std::deque<Entry> entries_;
+  std::int64_t lost_ = 0;
+  bool hasEnded_ = false;
+  std::jthread thread_;  // the last member: uses the others
 };
 
-// Milliseconds until the end; nothing when it has come.
-std::optional<DWORD> TimeLeft(std::optional<ULONGLONG> end) {
-  if (!end) return INFINITE;
-  const auto now = GetTickCount64();
-  return now >= *end ? std::nullopt : std::optional(static_cast<DWORD>(*end - now));
+std::string WithoutLineBreak(std::string text) {
+  text.erase(text.find_last_not_of("\r\n") + 1);
+  return text;
+}
+
+std::string AsText(const Entry& entry) {
+  auto text = TimeText(entry.time) + "  " + entry.program.Text() + " (" +
+              std::to_string(entry.processId) + ")  ";
+  if (!entry.parsed) return text + WithoutLineBreak(entry.text);
+  return text + ReadableMessage(entry.parsed->message) + "  [" + entry.parsed->source + " " +
+         std::to_string(entry.parsed->number) + "]";
+}
+
+std::string AsJson(const Entry& entry) {
+  Json json{{"time", DateTimeText(entry.time)},
+            {"pid", entry.processId},
+            {"program", OrNull(entry.program.name)},
+            {"library", entry.parsed.has_value()}};
+  if (entry.parsed) {
+    json["source"] = entry.parsed->source;
+    json["number"] = entry.parsed->number;
+    json["message"] = entry.parsed->message;
+    json["result"] = OrNull(ResultIn(entry.parsed->message));
+  } else {
+    json["message"] = WithoutLineBreak(entry.text);
+  }
+  return JsonText(json, -1);
+}
+
+void TellWhatIsLost(Intake& intake) {
+  const auto lost = intake.TakeLost();
+  if (lost == 0) return;
+  WriteLine(Stream::kError, "nimbractl: " + Count(lost, "line") +
+                                " not shown: they came faster than the output takes them");
 }
 
 }  // namespace
 
 ExitCode RunLog(const LogOptions& options) {
-  DebugOutput output;
   const StopOnControlC stop;
-  std::optional<ULONGLONG> end;
-  if (options.seconds) end = GetTickCount64() + static_cast<ULONGLONG>(*options.seconds * 1000);
-  WriteLine(Stream::kError, end ? "nimbractl: listening" : "nimbractl: listening; Ctrl+C ends it");
-  Viewer viewer(options);
-  while (const auto left = TimeLeft(end)) {
-    const auto line = output.Next(stop.Event(), *left);
-    if (!line || !viewer.Show(*line)) break;
+  Intake intake(options, stop.Event());
+  if (intake.WasLeftBehind()) {
+    WriteLine(Stream::kError,
+              "nimbractl: the last listener has ended, or hangs, with a process waiting for it; "
+              "this one takes its place");
+  }
+  WriteLine(Stream::kError,
+            options.seconds ? "nimbractl: listening" : "nimbractl: listening; Ctrl+C ends it");
+  while (const auto entry = intake.Next()) {
+    if (!WriteLine(Stream::kOutput, options.json ? AsJson(*entry) : AsText(*entry))) break;
+    TellWhatIsLost(intake);
   }
   return ExitCode::kOk;
 }
