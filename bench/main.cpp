@@ -1,5 +1,6 @@
 // Measures families of operations, each beside a baseline, and writes a line of JSON for each row:
 //   nimbra-bench [--quick] [--large] [--folder=PATH] FAMILY...
+// "serve" measures nothing: it serves the sync roots in the folder for others to measure.
 
 #include <cstdio>
 #include <exception>
@@ -24,7 +25,8 @@ const std::map<std::string_view, std::function<void(const Settings&)>>& Families
       {"callbacks", nimbra_bench::MeasureCallbacks},
       {"streaming", nimbra_bench::MeasureStreaming},
       {"shell", nimbra_bench::MeasureShell},
-      {"placeholders", nimbra_bench::MeasurePlaceholders}};
+      {"placeholders", nimbra_bench::MeasurePlaceholders},
+      {"serve", nimbra_bench::ServeRoots}};
   return families;
 }
 

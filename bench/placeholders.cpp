@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstddef>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -28,11 +28,13 @@ using corvdrive::cloud_filter::Utf8ToWide;
 
 constexpr std::int64_t kFileSize = 123'456;
 constexpr int kItemsPerFolder = 100;
-constexpr int kParts = 10;
-// The baseline beside itself only where that does not take long.
-constexpr int kMostTimesAgain = 1000;
-// For the items of one tree.
-constexpr double kMostNanoseconds = 15e9;
+constexpr int kParts = 20;
+// Trees with smaller parts than this are made several times instead.
+constexpr int kLeastPart = 10;
+constexpr int kSmallTrees = 15;
+constexpr int kMediumTree = 1000;
+// For the items of one tree; three of them are made.
+constexpr double kMostNanoseconds = 6e9;
 
 void Require(bool succeeded, const std::string& what) {
   if (!succeeded) {
@@ -132,38 +134,76 @@ double TimePlatform(Tree& tree, int count) {
   return took / count;
 }
 
-// The trees grow side by side, a part at a time. An item's last cost by its first says how the cost
-// grows.
+// The nanoseconds of one item, for the parts of a tree one after the other; of several trees of the
+// same kind.
+using Parts = std::vector<std::vector<double>>;
+
+// Trees grow side by side, a part at a time: what the library makes, what the platform's own
+// functions make, and these once more.
+struct Growth {
+  Parts library;
+  Parts platform;
+  Parts again;
+};
+
+Growth Grow(const std::string& folder, int trees, int parts, int partSize) {
+  Growth growth;
+  for (int number = 0; number < trees; ++number) {
+    const std::string name = folder + " " + std::to_string(number);
+    Tree library(name + " a");
+    Tree platform(name + " b");
+    Tree again(name + " c");
+    std::vector<double> subject, baseline, repeated;
+    for (int part = 0; part < parts; ++part) {
+      baseline.push_back(TimePlatform(platform, partSize));
+      subject.push_back(TimeLibrary(library, partSize));
+      repeated.push_back(TimePlatform(again, partSize));
+    }
+    growth.library.push_back(std::move(subject));
+    growth.platform.push_back(std::move(baseline));
+    growth.again.push_back(std::move(repeated));
+  }
+  return growth;
+}
+
+// What is compared: whole small trees, or the parts of a large one.
+std::vector<double> Rounds(const Parts& trees) {
+  if (trees.size() == 1) {
+    return trees.front();
+  }
+  std::vector<double> rounds;
+  for (const std::vector<double>& parts : trees) {
+    rounds.push_back(std::accumulate(parts.begin(), parts.end(), 0.0) /
+                     static_cast<double>(parts.size()));
+  }
+  return rounds;
+}
+
+// An item's cost at the end by its cost at the beginning.
+double GrowthOf(const Parts& trees) {
+  std::vector<double> first, last;
+  for (const std::vector<double>& parts : trees) {
+    first.push_back(parts.front());
+    last.push_back(parts.back());
+  }
+  return Median(last) / Median(first);
+}
+
 // Gives the nanoseconds of one item.
 double MeasureCreation(const Settings& settings, int count) {
-  const std::string folder = settings.folder + "/made " + std::to_string(count);
-  Tree library(folder + " a");
-  Tree platform(folder + " b");
-  Tree again(folder + " c");
-  std::vector<double> subject, baseline, ratios, noise;
-  for (int part = 0; part < kParts; ++part) {
-    const int size = count / kParts;
-    baseline.push_back(TimePlatform(platform, size));
-    subject.push_back(TimeLibrary(library, size));
-    ratios.push_back(subject.back() / baseline.back());
-    if (count <= kMostTimesAgain) {
-      noise.push_back(std::abs(TimePlatform(again, size) / baseline.back() - 1));
-    }
-  }
+  const bool isSmall = count < kParts * kLeastPart;
+  const int parts = isSmall ? count : kParts;
+  const int trees = isSmall && !settings.isQuick ? kSmallTrees : 1;
+  const Growth growth =
+      Grow(settings.folder + "/made " + std::to_string(count), trees, parts, count / parts);
   Row row;
   row.family = "filter";
-  row.group = "creating placeholders, each";
-  row.name = "of " + std::to_string(count);
-  const double ratio = Median(ratios);
-  row.times = {Median(subject), Median(baseline), ratio, 0, noise.empty() ? 0 : Median(noise),
-               kParts};
-  for (double& value : ratios) {
-    value = std::abs(value / ratio - 1);
-  }
-  row.times.spread = Median(ratios);
+  row.group = "creating placeholders, each, beside the platform's functions";
+  row.name = "one of " + std::to_string(count);
+  row.times = Compared(Rounds(growth.library), Rounds(growth.platform), Rounds(growth.again));
   row.more = {{"perSecond", 1e9 / row.times.subject},
-              {"growth", subject.back() / subject.front()},
-              {"platformGrowth", baseline.back() / baseline.front()}};
+              {"growth", GrowthOf(growth.library)},
+              {"platformGrowth", GrowthOf(growth.platform)}};
   row.functions = {"CORVWinCFPlaceholderCreate"};
   Write(row);
   return row.times.subject;
@@ -172,7 +212,7 @@ double MeasureCreation(const Settings& settings, int count) {
 void WriteQuery(const std::string& name, const Comparison& times) {
   Row row;
   row.family = "filter";
-  row.group = "asking about a placeholder";
+  row.group = "asking about a placeholder, beside the platform's functions";
   row.name = name;
   row.times = times;
   row.more = {{"perSecond", 1e9 / times.subject}};
@@ -222,7 +262,7 @@ void MeasurePlaceholders(const Settings& settings) {
   for (int count : counts) {
     if (!settings.isLarge && perItem * count > kMostNanoseconds) {
       // A slow machine makes fewer; the row says how many.
-      count = std::max(kMostTimesAgain, static_cast<int>(kMostNanoseconds / perItem) / 100 * 100);
+      count = std::max(kMediumTree, static_cast<int>(kMostNanoseconds / perItem) / 100 * 100);
     }
     perItem = MeasureCreation(settings, count);
   }

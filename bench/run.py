@@ -31,9 +31,9 @@ LAUNCHER = (SOURCE / "scripts" / "run-under-wine.sh", "--prefix-name", "bench")
 
 
 FILES = {
+    "null-provider": "the native provider that costs nothing",
     "library": "Nimbra.dll",
     "cldapi": "the simulator's cldapi.dll",
-    "provider": "e2e-provider.exe",
     "bench": "nimbra-bench.exe",
     "loader": "load-once.exe",
     "nothing": "nothing.dll",
@@ -45,6 +45,7 @@ def parse_arguments():
     parser.add_argument("--quick", action="store_true", help="only whether everything runs")
     parser.add_argument("--large", action="store_true", help="the sizes that take long, too")
     parser.add_argument("--output", type=pathlib.Path, required=True)
+    parser.add_argument("--files", type=pathlib.Path, help="for sync roots (the work folder)")
     parser.add_argument("--daemon", type=pathlib.Path, required=True, help="cloud-filterd")
     for name, file in FILES.items():
         parser.add_argument(f"--{name}", type=pathlib.Path, required=True, help=file)
@@ -76,12 +77,15 @@ def measure_on_filter(arguments):
     from harness.settings import SETTINGS
 
     SETTINGS.files = [
-        getattr(arguments, name).resolve() for name in ("library", "cldapi", "provider", "bench")
+        getattr(arguments, name).resolve() for name in ("library", "cldapi", "bench")
     ]
     SETTINGS.daemon = arguments.daemon.resolve()
     SETTINGS.scripts = SOURCE / "scripts"
     SETTINGS.work = pathlib.Path(os.environ.get("NIMBRA_WORK") or tempfile.gettempdir()).resolve()
-    return measure_end_to_end(arguments.quick, arguments.large, sys.stderr)
+    null_provider = arguments.null_provider.resolve()
+    return measure_end_to_end(
+        null_provider, arguments.files, arguments.quick, arguments.large, sys.stderr
+    )
 
 
 def fuse_is_missing():

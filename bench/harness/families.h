@@ -32,6 +32,8 @@ void MeasureStreaming(const Settings& settings);
 void MeasureShell(const Settings& settings);
 // On the real platform, in a sync root that a client serves.
 void MeasurePlaceholders(const Settings& settings);
+// Serves the sync roots "library" and "bare" in the folder until the standard input ends.
+void ServeRoots(const Settings& settings);
 
 }  // namespace nimbra_bench
 

@@ -46,10 +46,11 @@ struct Track {
   }
 };
 
-std::vector<double> Ratios(const Track& subject, const Track& baseline) {
+std::vector<double> Ratios(const std::vector<double>& subject,
+                           const std::vector<double>& baseline) {
   std::vector<double> ratios;
-  for (std::size_t round = 0; round < subject.perOperation.size(); ++round) {
-    ratios.push_back(subject.perOperation[round] / baseline.perOperation[round]);
+  for (std::size_t round = 0; round < subject.size(); ++round) {
+    ratios.push_back(subject[round] / baseline[round]);
   }
   return ratios;
 }
@@ -86,16 +87,25 @@ double Median(std::vector<double> values) {
   return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+Comparison Compared(const std::vector<double>& subject, const std::vector<double>& baseline,
+                    const std::vector<double>& again) {
+  const std::vector<double> ratios = Ratios(subject, baseline);
+  const double ratio = Median(ratios);
+  return {Median(subject),
+          Median(baseline),
+          ratio,
+          DistanceFrom(ratio, ratios),
+          DistanceFrom(1, Ratios(again, baseline)),
+          ratios.size()};
+}
+
 std::vector<Comparison> Compare(const Effort& effort, const Batch& baseline,
                                 const std::vector<Batch>& subjects) {
   const std::vector<Track> tracks = Play(effort, baseline, subjects);
-  const double noise = DistanceFrom(1, Ratios(tracks[1], tracks[0]));
   std::vector<Comparison> comparisons;
   for (std::size_t i = 2; i < tracks.size(); ++i) {
-    const std::vector<double> ratios = Ratios(tracks[i], tracks[0]);
-    const double ratio = Median(ratios);
-    comparisons.push_back({Median(tracks[i].perOperation), Median(tracks[0].perOperation), ratio,
-                           DistanceFrom(ratio, ratios), noise, effort.rounds});
+    comparisons.push_back(
+        Compared(tracks[i].perOperation, tracks[0].perOperation, tracks[1].perOperation));
   }
   return comparisons;
 }

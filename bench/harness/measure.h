@@ -60,6 +60,10 @@ std::vector<Comparison> Compare(const Effort& effort, const Batch& baseline,
                                 const std::vector<Batch>& subjects);
 Comparison Compare(const Effort& effort, const Batch& baseline, const Batch& subject);
 
+// From the times of an operation in each round; the baseline has two columns of them.
+Comparison Compared(const std::vector<double>& subject, const std::vector<double>& baseline,
+                    const std::vector<double>& again);
+
 double Median(std::vector<double> values);
 
 }  // namespace nimbra_bench
