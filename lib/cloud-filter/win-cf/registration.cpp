@@ -22,18 +22,18 @@ constexpr DWORD kShellFlags = 0x62;
 
 // The account's SID in string form, or empty.
 std::string LookUpSid(const std::string& account) {
-  const std::wstring wideAccount = Utf8ToWide(account);
+  const WideText wideAccount(account);
   DWORD sidSize = 0;
   DWORD domainSize = 0;
   SID_NAME_USE use{};
-  if (LookupAccountNameW(nullptr, wideAccount.c_str(), nullptr, &sidSize, nullptr, &domainSize,
+  if (LookupAccountNameW(nullptr, wideAccount.Get(), nullptr, &sidSize, nullptr, &domainSize,
                          &use) ||
       GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
     return {};
   }
   std::vector<BYTE> sid(sidSize);
   std::vector<wchar_t> domain(domainSize);
-  if (!LookupAccountNameW(nullptr, wideAccount.c_str(), sid.data(), &sidSize, domain.data(),
+  if (!LookupAccountNameW(nullptr, wideAccount.Get(), sid.data(), &sidSize, domain.data(),
                           &domainSize, &use)) {
     return {};
   }

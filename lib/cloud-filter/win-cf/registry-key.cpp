@@ -1,6 +1,6 @@
 #include "win-cf/registry-key.h"
 
-#include <optional>
+#include <cwchar>
 
 #include "common/debug-log.h"
 #include "common/text.h"
@@ -17,27 +17,22 @@ HRESULT ToHresult(LSTATUS status) {
   return status > 0 ? HRESULT_FROM_WIN32(static_cast<DWORD>(status)) : static_cast<HRESULT>(status);
 }
 
-// Nothing when a text cannot be converted, for want of memory. The empty text that is left would,
-// as a name, stand for the key itself, with all that it holds, or for its default value.
-std::optional<std::wstring> ToWide(const std::string& text) {
-  std::wstring wide = Utf8ToWide(text);
-  if (wide.empty() && !text.empty()) {
-    return std::nullopt;
-  }
-  return wide;
+// Whether a text could not be converted, for want of memory. The empty text that is left would, as
+// a name, stand for the key itself, with all that it holds, or for its default value.
+bool IsLost(const WideText& wide, const std::string& text) {
+  return *wide.Get() == L'\0' && !text.empty();
 }
 
 }  // namespace
 
 RegistryKey::RegistryKey(HKEY rootHive, const std::string& subkey) {
-  const std::optional<std::wstring> name = ToWide(subkey);
-  if (!name || name->empty()) {
+  const WideText name(subkey);
+  if (*name.Get() == L'\0') {
     return;
   }
   HKEY opened = nullptr;
-  const LSTATUS status =
-      RegCreateKeyExW(rootHive, name->c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, kAccess,
-                      nullptr, &opened, nullptr);
+  const LSTATUS status = RegCreateKeyExW(rootHive, name.Get(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                         kAccess, nullptr, &opened, nullptr);
   if (FAILED(ToHresult(status))) {
     return;
   }
@@ -51,9 +46,9 @@ bool RegistryKey::SetValue(const std::string& name, const DWORD& value) {
 }
 
 bool RegistryKey::SetValue(const std::string& name, const std::string& value) {
-  const std::optional<std::wstring> wide = ToWide(value);
-  return wide ? Write(name, REG_EXPAND_SZ, wide->c_str(), (wide->size() + 1) * sizeof(wchar_t))
-              : Write(name, REG_EXPAND_SZ, nullptr, 0);
+  const WideText wide(value);
+  return Write(name, REG_EXPAND_SZ, IsLost(wide, value) ? nullptr : wide.Get(),
+               (std::wcslen(wide.Get()) + 1) * sizeof(wchar_t));
 }
 
 bool RegistryKey::SetValue(const std::string& name, const char* value) {
@@ -65,9 +60,9 @@ bool RegistryKey::Write(const std::string& name, DWORD type, const void* data, s
     Log(kSource, __LINE__, "registry not good");
     return false;
   }
-  const std::optional<std::wstring> wide = ToWide(name);
-  if (!wide || data == nullptr ||
-      FAILED(ToHresult(RegSetValueExW(handle.Get(), wide->c_str(), 0, type,
+  const WideText wide(name);
+  if (IsLost(wide, name) || data == nullptr ||
+      FAILED(ToHresult(RegSetValueExW(handle.Get(), wide.Get(), 0, type,
                                       static_cast<const BYTE*>(data), static_cast<DWORD>(size))))) {
     Log(kSource, __LINE__, "Failed to set value");
     return false;
@@ -79,9 +74,9 @@ bool RegistryKey::DeleteValue(const std::string& name) {
   if (!IsGood()) {
     return false;
   }
-  const std::optional<std::wstring> wide = ToWide(name);
+  const WideText wide(name);
   const HRESULT result =
-      wide ? ToHresult(RegDeleteValueW(handle.Get(), wide->c_str())) : E_OUTOFMEMORY;
+      IsLost(wide, name) ? E_OUTOFMEMORY : ToHresult(RegDeleteValueW(handle.Get(), wide.Get()));
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to RegDeleteValue, key=", path, " value=", name, " hr=", result);
     return false;
@@ -94,10 +89,11 @@ bool RegistryKey::DeleteTree(const std::string& subkey) {
     Log(kSource, __LINE__, "reg is not good ", path);
     return false;
   }
-  const std::optional<std::wstring> wide = ToWide(subkey);
+  const WideText wide(subkey);
   const HRESULT result =
-      wide ? ToHresult(RegDeleteTreeW(handle.Get(), wide->empty() ? nullptr : wide->c_str()))
-           : E_OUTOFMEMORY;
+      IsLost(wide, subkey)
+          ? E_OUTOFMEMORY
+          : ToHresult(RegDeleteTreeW(handle.Get(), subkey.empty() ? nullptr : wide.Get()));
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to RegDeleteTree, key=", path, " hr=", result);
     return false;
