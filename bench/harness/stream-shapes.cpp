@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "common/cldapi-table.h"
 #include "common/owners.h"
@@ -94,68 +95,94 @@ void StreamWithNewBuffer(const LocalFile& source) {
   VirtualFree(buffer, 0, MEM_RELEASE);
 }
 
+// Data that waits to be handed over: copied behind what is left, out of there again, and the rest
+// moved to the front. Its memory is kept.
+class Pending {
+ public:
+  void Append(const std::vector<std::byte>& buffer, std::size_t size) {
+    data_.insert(data_.end(), buffer.begin(), At(buffer, size));
+  }
+  [[nodiscard]] std::size_t Size() const { return data_.size(); }
+  void Send(std::size_t size, std::int64_t& offset) {
+    block_.assign(data_.cbegin(), At(data_, size));
+    Transfer(block_.data(), block_.size(), offset);
+    data_.erase(data_.begin(), At(data_, size));
+  }
+  void SendAll(std::int64_t& offset) {
+    if (!data_.empty()) {
+      Transfer(data_.data(), data_.size(), offset);
+      data_.clear();
+    }
+  }
+
+ private:
+  static std::vector<std::byte>::const_iterator At(const std::vector<std::byte>& data,
+                                                   std::size_t size) {
+    return data.begin() + static_cast<std::ptrdiff_t>(size);
+  }
+
+  std::vector<std::byte> data_;
+  std::vector<std::byte> block_;
+};
+
+// What the shapes with copies keep from file to file.
+struct CopyBuffers {
+  explicit CopyBuffers(std::size_t size) : input(size), output(size) {}
+
+  std::vector<std::byte> input;
+  std::vector<std::byte> output;
+  Pending pending;
+};
+
 // One thread writes the file into a pipe; the other one appends what a read of the pipe gives to
 // what is left, hands over what makes whole blocks, and keeps the rest.
-void StreamThroughPipe(const LocalFile& source) {
-  constexpr std::size_t kPipe = 64 * kKiB;
+void StreamThroughPipe(const LocalFile& source, CopyBuffers& buffers) {
   HANDLE readEnd = nullptr;
   HANDLE writeEnd = nullptr;
-  if (!CreatePipe(&readEnd, &writeEnd, nullptr, kPipe)) {
+  if (!CreatePipe(&readEnd, &writeEnd, nullptr, static_cast<DWORD>(buffers.input.size()))) {
     throw std::runtime_error("no pipe");
   }
   const UniqueFile input(readEnd);
-  std::jthread writer([&source, writeEnd] {
+  std::jthread writer([&source, &buffers, writeEnd] {
     const UniqueFile output(writeEnd);
     const UniqueFile file = Open(source.path);
-    std::vector<std::byte> buffer(kPipe);
+    std::vector<std::byte>& buffer = buffers.output;
     while (const std::size_t read = Read(file.Get(), buffer.data(), buffer.size())) {
       DWORD written = 0;
       WriteFile(output.Get(), buffer.data(), static_cast<DWORD>(read), &written, nullptr);
     }
   });
-  std::vector<std::byte> buffer(kPipe);
-  std::vector<std::byte> pending;
   std::int64_t offset = 0;
-  while (const std::size_t read = Read(input.Get(), buffer.data(), buffer.size())) {
-    pending.insert(pending.end(), buffer.begin(),
-                   buffer.begin() + static_cast<std::ptrdiff_t>(read));
-    const std::size_t whole = pending.size() / kAlignment * kAlignment;
-    if (whole > 0) {
-      const std::vector<std::byte> piece(pending.begin(),
-                                         pending.begin() + static_cast<std::ptrdiff_t>(whole));
-      Transfer(piece.data(), piece.size(), offset);
-      pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(whole));
+  while (const std::size_t read = Read(input.Get(), buffers.input.data(), buffers.input.size())) {
+    buffers.pending.Append(buffers.input, read);
+    if (const std::size_t whole = buffers.pending.Size() / kAlignment * kAlignment; whole > 0) {
+      buffers.pending.Send(whole, offset);
     }
   }
-  if (!pending.empty()) {
-    Transfer(pending.data(), pending.size(), offset);
-  }
+  buffers.pending.SendAll(offset);
 }
 
 // Small reads are appended to a growing block, which is copied and handed over when it is large.
-void StreamAccumulated(const LocalFile& source) {
-  constexpr std::size_t kPiece = 64 * kKiB;
+void StreamAccumulated(const LocalFile& source, CopyBuffers& buffers) {
   constexpr std::size_t kLarge = 3686 * kKiB / kAlignment * kAlignment;
   const UniqueFile file = Open(source.path);
-  std::vector<std::byte> buffer(kPiece);
-  std::vector<std::byte> pending;
   std::int64_t offset = 0;
-  const auto send = [&pending, &offset](std::size_t size) {
-    const std::vector<std::byte> block(pending.begin(),
-                                       pending.begin() + static_cast<std::ptrdiff_t>(size));
-    Transfer(block.data(), block.size(), offset);
-    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(size));
-  };
-  while (const std::size_t read = Read(file.Get(), buffer.data(), buffer.size())) {
-    pending.insert(pending.end(), buffer.begin(),
-                   buffer.begin() + static_cast<std::ptrdiff_t>(read));
-    if (pending.size() >= kLarge) {
-      send(kLarge);
+  while (const std::size_t read = Read(file.Get(), buffers.input.data(), buffers.input.size())) {
+    buffers.pending.Append(buffers.input, read);
+    if (buffers.pending.Size() >= kLarge) {
+      buffers.pending.Send(kLarge, offset);
     }
   }
-  if (!pending.empty()) {
-    send(pending.size());
-  }
+  buffers.pending.SendAll(offset);
+}
+
+StreamShape WithCopies(std::string name, void (*stream)(const LocalFile&, CopyBuffers&),
+                       int copies) {
+  return {std::move(name),
+          [stream, buffers = std::make_shared<CopyBuffers>(64 * kKiB)](const LocalFile& source) {
+            stream(source, *buffers);
+          },
+          copies};
 }
 
 }  // namespace
@@ -169,8 +196,8 @@ std::vector<StreamShape> OtherShapes() {
           InPiecesWithCopy("pieces of 512 KiB, copied", 512 * kKiB),
           {"pieces of 4 MiB, new buffer each time", StreamWithNewBuffer, 0, true},
           InPieces("pieces of 5 MiB", 5 * kMiB),
-          {"through a pipe, concatenated", StreamThroughPipe, 3},
-          {"accumulated, then sent", StreamAccumulated, 2}};
+          WithCopies("through a pipe, concatenated", StreamThroughPipe, 3),
+          WithCopies("accumulated, then sent", StreamAccumulated, 2)};
 }
 
 StreamShape LibraryShape(CORVWinCFSyncRootHandle root, CORVWinCFPlaceholderHandle placeholder) {

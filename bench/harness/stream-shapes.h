@@ -17,7 +17,8 @@ struct LocalFile {
   std::string utf8Path;
 };
 
-// One way to hand a local file's data to the platform.
+// One way to hand a local file's data to the platform. Its buffers are made once and kept from file
+// to file, unless its name says otherwise.
 struct StreamShape {
   std::string name;
   std::function<void(const LocalFile& file)> stream;

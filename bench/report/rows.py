@@ -83,6 +83,16 @@ def limits_text(row):
     )
 
 
+STANDINGS = ("ahead of", "equal within A/A", "behind")
+
+
+def standing(row):
+    """How the library, a row's baseline, stands beside the row's subject."""
+    if abs(row["ratio"] - 1) <= row["noise"]:
+        return STANDINGS[1]
+    return STANDINGS[0 if row["ratio"] > 1 else 2]
+
+
 def problems(rows, families, functions=()):
     """What is wrong with a run, speed aside: what is missing and what cannot be."""
     found = [f"no rows of {family}" for family in families if not any_of(rows, family)]

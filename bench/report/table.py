@@ -1,6 +1,6 @@
 """The table of all rows."""
 
-from .rows import FAMILIES, limits_text, misses, quantity, value_text
+from .rows import FAMILIES, STANDINGS, limits_text, misses, quantity, standing, value_text
 
 COLUMNS = ("", "takes", "baseline", "own", "ratio", "spread", "A/A", "allocations", "limit")
 WIDTHS = (50, 9, 9, 9, 7, 7, 6, 12, 0)
@@ -42,6 +42,21 @@ def cells(row):
     )
 
 
+def standings(rows):
+    """Whether the library is ahead of other shapes, for each group that has some."""
+    groups = {}
+    for row in rows:
+        if row.get("isRival"):
+            groups.setdefault(row["group"], []).append(row)
+    for group, rivals in groups.items():
+        yield f"  the library, {group.split(', other')[0]}"
+        for where in STANDINGS:
+            names = [
+                f"{row['name']} ({row['ratio']:.2f})" for row in rivals if standing(row) == where
+            ]
+            yield f"    {where:<17} {'; '.join(names) or 'none'}"
+
+
 def make_table(rows):
     lines = [line(COLUMNS)]
     for family, title in FAMILIES.items():
@@ -55,6 +70,7 @@ def make_table(rows):
                 group = row["group"]
                 lines.append(f" {group}")
             lines.append(line(cells(row)))
+        lines += standings(of_family)
     missed = sum(1 for row in rows if misses(row))
     limited = sum(1 for row in rows if row.get("limits"))
     lines += ["", f"{limited - missed} of {limited} rows with a limit keep it"]
