@@ -9,7 +9,7 @@ import subprocess
 
 from report.rows import make_row
 
-# What the library is linked to: a program with windows has most of it loaded anyway.
+# What the library loads when it first needs it: a program with windows has most of it anyway.
 SYSTEM = ("advapi32.dll", "gdi32.dll", "ole32.dll", "shell32.dll", "shlwapi.dll")
 SYSTEM += ("windowscodecs.dll",)
 

@@ -57,4 +57,8 @@ std::vector<ImportSlot> ImportSlots(HMODULE image) {
   return slots;
 }
 
+std::size_t DelayedImportSize(HMODULE image) {
+  return Directory(image, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT).Size;
+}
+
 }  // namespace nimbra_test

@@ -24,6 +24,9 @@ struct ImportSlot {
 };
 std::vector<ImportSlot> ImportSlots(HMODULE image);
 
+// The bytes of its directory of delayed imports.
+std::size_t DelayedImportSize(HMODULE image);
+
 }  // namespace nimbra_test
 
 #endif  // NIMBRA_TESTS_DLL_IMAGE_H_

@@ -103,7 +103,8 @@ std::vector<FunctionRow> SystemRows() {
       Fails("GetLongPathNameW", Zero({ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED})),
       Fails("GetModuleHandleExW", Zero({ERROR_MOD_NOT_FOUND})),
       Fails("GetOverlappedResult", Zero({ERROR_OPERATION_ABORTED, ERROR_IO_INCOMPLETE})),
-      Fails("LoadLibraryExW", Zero({ERROR_MOD_NOT_FOUND, ERROR_ACCESS_DENIED})),
+      // Each DLL that it is asked for is failed as LoadLibraryExW:<name>.
+      Fails("LoadLibraryExW", Zero({ERROR_MOD_NOT_FOUND, ERROR_ACCESS_DENIED}), "library"),
       Fails("ReadFile", Zero({ERROR_READ_FAULT, ERROR_HANDLE_EOF, ERROR_LOCK_VIOLATION})),
       Fails("SetFileAttributesW", Zero({ERROR_ACCESS_DENIED})),
       Fails("SetFilePointerEx", Zero({ERROR_NEGATIVE_SEEK, ERROR_INVALID_HANDLE})),
@@ -113,6 +114,7 @@ std::vector<FunctionRow> SystemRows() {
       // Handles are counted by the system itself; the thread library closes its own, too.
       Closes("CloseHandle", nullptr),
       Closes("FindClose", "search"),
+      Closes("FreeLibrary", "library"),
       Closes("LocalFree", "local text"),
       Closes("VirtualFree", "pages"),
       // Each function that it is asked for is failed as GetProcAddress:<name>.
@@ -335,6 +337,18 @@ const FunctionRow* FindFunction(std::string_view name) {
   static const auto& table = *new std::map<std::string_view, FunctionRow>(MakeTable());
   const auto found = table.find(name);
   return found == table.end() ? nullptr : &found->second;
+}
+
+bool MayBeLoaded(std::string_view library, DWORD folders) {
+  static const std::map<std::string_view, DWORD> allowed = {
+      {"advapi32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
+      {"cldapi.dll", LOAD_LIBRARY_SEARCH_DEFAULT_DIRS},
+      {"gdi32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
+      {"ole32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
+      {"shell32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
+      {"shlwapi.dll", LOAD_LIBRARY_SEARCH_SYSTEM32}};
+  const auto found = allowed.find(library);
+  return found != allowed.end() && found->second == folders;
 }
 
 bool Succeeded(const FunctionRow& row, std::uintptr_t result) {

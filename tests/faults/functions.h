@@ -50,6 +50,9 @@ struct FunctionRow {
 // The row of a function, or null. Methods are written Interface::Method.
 const FunctionRow* FindFunction(std::string_view name);
 
+// Whether the library may load a DLL by this name, and look for it in these folders.
+bool MayBeLoaded(std::string_view library, DWORD folders);
+
 // Whether a call's result means success, by the functions' own conventions.
 bool Succeeded(const FunctionRow& row, std::uintptr_t result);
 

@@ -362,12 +362,25 @@ void* CallGates::CloudFunction(const char* name) {
   return NewThunk(&gate, reinterpret_cast<void*>(&CallGates::Enter));
 }
 
+// A function of a system DLL that the image loads when it first needs it.
+void* CallGates::SystemFunction(HMODULE module, const char* name) {
+  auto* const original = reinterpret_cast<void*>(GetProcAddress(module, name));
+  const FunctionRow* const row = FindFunction(name);
+  if (row == nullptr || original == nullptr) {
+    unknown_.insert(libraries_[module] + "!" + name);
+    return nullptr;
+  }
+  return NewThunk(&AddGate(*row, original), reinterpret_cast<void*>(&CallGates::Enter));
+}
+
 // Counts the call; whether it is the one to fail.
 bool CallGates::Count(Call& call) {
   const FunctionRow* const row = call.gate.row;
   call.faultName = call.gate.faultName;
   if (call.gate.name == "GetProcAddress") {
     call.faultName += ":" + std::string(call.Pointer<const char>(2));
+  } else if (call.gate.name == "LoadLibraryExW") {
+    call.faultName += ":" + Narrow(call.Pointer<const wchar_t>(1));
   }
   if (row == nullptr) {
     unknown_.insert(call.gate.name);
@@ -416,14 +429,7 @@ bool CallGates::Answer(Call& call) {
     call.lastError = 0x5EED;
     return true;
   }
-  if (name == "LoadLibraryExW" &&
-      std::wstring_view(call.Pointer<const wchar_t>(1)) == L"cldapi.dll") {
-    call.result = reinterpret_cast<std::uintptr_t>(GetModuleHandleW(nullptr));
-    return true;
-  }
-  if (name == "GetProcAddress" && call.Pointer<void>(1) == GetModuleHandleW(nullptr)) {
-    call.result = reinterpret_cast<std::uintptr_t>(CloudFunction(call.Pointer<const char>(2)));
-    call.lastError = call.result == 0 ? ERROR_PROC_NOT_FOUND : ERROR_SUCCESS;
+  if (AnswerLoading(call)) {
     return true;
   }
   // The image is not pinned really, so that it can be loaded afresh.
@@ -440,7 +446,38 @@ bool CallGates::Answer(Call& call) {
   return name == "CoWaitForMultipleHandles";
 }
 
+bool CallGates::AnswerLoading(Call& call) {
+  const HMODULE platform = GetModuleHandleW(nullptr);
+  if (call.gate.name == "LoadLibraryExW") {
+    call.result = reinterpret_cast<std::uintptr_t>(platform);
+    return std::wstring_view(call.Pointer<const wchar_t>(1)) == L"cldapi.dll";
+  }
+  if (call.gate.name != "GetProcAddress") {
+    return false;
+  }
+  // The runtime looks functions up, too, in DLLs that it has not loaded.
+  auto* const module = call.Pointer<std::remove_pointer_t<HMODULE>>(1);
+  const auto library = libraries_.find(module);
+  if (library == libraries_.end()) {
+    return false;
+  }
+  const auto* const function = call.Pointer<const char>(2);
+  observation_.libraries[function] = library->second;
+  call.result = reinterpret_cast<std::uintptr_t>(
+      module == platform ? CloudFunction(function) : SystemFunction(module, function));
+  call.lastError = call.result == 0 ? ERROR_PROC_NOT_FOUND : ERROR_SUCCESS;
+  return true;
+}
+
 void CallGates::WatchOutput(const Call& call) {
+  if (call.gate.name == "LoadLibraryExW") {
+    const std::string library = Narrow(call.Pointer<const wchar_t>(1));
+    if (!MayBeLoaded(library, static_cast<DWORD>(call.Argument(3)))) {
+      unknown_.insert("LoadLibraryExW with these folders for " + library);
+    }
+    libraries_[reinterpret_cast<HMODULE>(call.result)] = library;
+    return;
+  }
   const ObjectOutput* const output = OutputOf(call.gate.name);
   if (output == nullptr) {
     return;

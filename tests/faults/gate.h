@@ -37,6 +37,8 @@ struct Observation {
   std::map<std::string, int> calls;
   // Functions in the order of their first call.
   std::vector<std::string> order;
+  // The DLL of each function that was looked up in one, in lower case.
+  std::map<std::string, std::string> libraries;
   // The lines of the debugger output, in UTF-8.
   std::vector<std::string> lines;
   bool hasFailed = false;
@@ -47,8 +49,8 @@ using Holdings = std::map<std::string, std::int64_t>;
 
 // Stands between a loaded image and every platform function that it calls: the imports of its
 // table, the functions that it asks GetProcAddress for (the recording platform stands behind
-// those), and the methods of the COM objects that it is given. Counts calls, fails chosen ones and
-// knows what of memory and other resources is held. One object at a time.
+// cldapi's), and the methods of the COM objects that it is given. Counts calls, fails chosen ones
+// and knows what of memory and other resources is held. One object at a time.
 class CallGates {
  public:
   explicit CallGates(HMODULE image);
@@ -83,9 +85,11 @@ class CallGates {
 
   Gate& AddGate(const FunctionRow& row, void* original);
   void* CloudFunction(const char* name);
+  void* SystemFunction(HMODULE module, const char* name);
   void WatchTable(void** table, const char* interfaceName);
   bool Count(Call& call);
   bool Answer(Call& call);
+  bool AnswerLoading(Call& call);
   void Account(const Call& call);
   void WatchOutput(const Call& call);
   void Hold(const char* resource, std::int64_t change);
@@ -94,7 +98,8 @@ class CallGates {
   std::uintptr_t imageEnd_;
   std::vector<std::string> imports_;
   std::vector<void**> slots_;
-  std::map<std::string, Gate*> cloudGates_;
+  // The system's DLLs that the image has loaded itself.
+  std::map<HMODULE, std::string> libraries_;
 
   mutable std::mutex mutex_;
   bool observing_ = false;

@@ -9,6 +9,7 @@
 #include <exception>
 #include <string_view>
 
+#include "tests/faults/expectation.h"
 #include "tests/support/handle-census.h"
 
 namespace nimbra_test {
@@ -146,43 +147,6 @@ std::int64_t CallAndCatch(Stage& stage, const Scenario& scenario) {
   }
 }
 
-// How well a row fits a fault; -1 for not at all.
-int Fit(const Row& row, const Fault& fault) {
-  if (row.function != fault.function || (row.n != kAnyCall && row.n != fault.n) ||
-      (row.code && *row.code != fault.code.number) ||
-      (row.persistent && *row.persistent != fault.persistent)) {
-    return -1;
-  }
-  return (row.n != kAnyCall ? 1 : 0) + (row.code ? 2 : 0) + (row.persistent ? 1 : 0);
-}
-
-const Row* BestRow(const Scenario& scenario, const Fault& fault) {
-  const Row* best = nullptr;
-  int bestFit = -1;
-  for (const Row& row : scenario.rows) {
-    if (const int fit = Fit(row, fault); fit > bestFit) {
-      best = &row;
-      bestFit = fit;
-    }
-  }
-  return best;
-}
-
-constexpr std::string_view kLookUp = "GetProcAddress:";
-
-// What the platform's function `name` gives when it cannot be called.
-Fault Uncallable(const std::string& name, DWORD error) {
-  Fault fault{name, 1, true, {}};
-  const FunctionRow* const row = FindFunction(name);
-  if (row != nullptr && !row->failures.empty()) {
-    fault.code = row->failures.front();
-    if (fault.code.number < 0) {
-      fault.code.number = HRESULT_FROM_WIN32(error);
-    }
-  }
-  return fault;
-}
-
 }  // namespace
 
 Holdings HeldNow(const Stage& stage) {
@@ -253,32 +217,6 @@ Played Play(Stage& stage, const Scenario& scenario, const Fault& fault) {
   Played run = PlayOnly(stage, scenario, fault);
   run.growth = Growth(before, HeldNow(stage));
   return run;
-}
-
-std::optional<Outcome> Expected(const Scenario& scenario, const Fault& fault,
-                                const Observation& usual) {
-  if (const Row* const row = BestRow(scenario, fault)) {
-    return row->outcome;
-  }
-  Fault behind;
-  if (fault.function.starts_with(kLookUp)) {
-    behind = Uncallable(fault.function.substr(kLookUp.size()), ERROR_PROC_NOT_FOUND);
-  } else if (fault.function == "LoadLibraryExW") {
-    const auto first = std::find_if(usual.order.begin(), usual.order.end(),
-                                    [](const std::string& name) { return name.starts_with("Cf"); });
-    if (first != usual.order.end()) {
-      behind = Uncallable(*first, fault.code.lastError);
-    }
-  } else {
-    return std::nullopt;
-  }
-  const FunctionRow* const row = FindFunction(behind.function);
-  if (row == nullptr || row->treatment != Treatment::kFails ||
-      !usual.calls.contains(behind.function)) {
-    return scenario.success;
-  }
-  const Row* const found = BestRow(scenario, behind);
-  return found == nullptr ? std::nullopt : std::optional(found->outcome);
 }
 
 std::vector<std::string> Compare(const Stage& stage, const Played& run, const Outcome& expected,
@@ -368,15 +306,10 @@ std::vector<std::string> FaultMatrix::Judge(const Stage& stage, const Played& ru
   if (weak) {
     return CompareWeakly(run, scenario_);
   }
-  const auto expected = Expected(scenario_, fault, usual);
-  if (!expected) {
-    return {"the table does not say what comes of it. Add a row to the scenario"};
-  }
-  Fault shown = fault;
-  if (fault.function.starts_with(kLookUp) || fault.function == "LoadLibraryExW") {
-    shown.code.number = HRESULT_FROM_WIN32(fault.code.lastError);
-  }
-  return Compare(stage, run, *expected, shown);
+  const auto [outcome, shown] = Expected(scenario_, fault, usual);
+  return outcome ? Compare(stage, run, *outcome, shown)
+                 : std::vector<std::string>{
+                       "the table does not say what comes of it. Add a row to the scenario"};
 }
 
 void FaultMatrix::Inject(const Fault& fault, bool weak) {
@@ -398,14 +331,18 @@ void FaultMatrix::Inject(const Fault& fault, bool weak) {
   Report(fault, complaints);
 }
 
-void FaultMatrix::InjectFirst(const Fault& fault, bool weak, const Observation& first) {
+void FaultMatrix::InjectFirst(const Fault& fault, bool weak, const Played& first) {
   Stage stage;
-  const Played run = Play(stage, scenario_, fault);
-  std::vector<std::string> complaints = Judge(stage, run, fault, weak, first);
+  Played run = Play(stage, scenario_, fault);
+  std::vector<std::string> complaints = Judge(stage, run, fault, weak, first.observation);
+  if (fault.function.starts_with(kLookUp) && !IsLookUpOfPlatform(fault, first.observation) &&
+      run.growth["library"] >= first.growth.at("library")) {
+    complaints.emplace_back("the DLL without the function was kept");
+  }
   const Played after = Play(stage, scenario_);
-  // A function that was missing stays so; all else is tried again.
-  const auto later = fault.function.starts_with(kLookUp)
-                         ? Judge(stage, after, fault, weak, first)
+  // A function that the platform does not have stays missing; all else is tried again.
+  const auto later = IsLookUpOfPlatform(fault, first.observation)
+                         ? Judge(stage, after, fault, weak, first.observation)
                          : Compare(stage, after, scenario_.success, {});
   for (const std::string& complaint : later) {
     complaints.push_back("afterwards: " + complaint);
@@ -453,25 +390,27 @@ void FaultMatrix::RunWarm() {
 // What happens on first use only: loading the platform, looking up its functions, and what is
 // allocated once.
 void FaultMatrix::RunFresh() {
-  Observation first;
+  Played first;
   {
     Stage stage;
-    first = Play(stage, scenario_).observation;
+    first = Play(stage, scenario_);
   }
   const auto inject = [&](const std::string& function, int n, DWORD error, bool weak) {
     // Without any memory a thread's first exception ends the process: the runtime makes room for it
     // then and gives up where there is none.
     InjectFirst({function, n, !weak, {0, error, error}}, weak, first);
   };
-  for (const auto& [function, calls] : first.calls) {
-    if (function == "LoadLibraryExW") {
+  for (const auto& [function, calls] : first.observation.calls) {
+    if (function.starts_with(kLoad)) {
       ++result_.callSites;
       inject(function, 1, ERROR_MOD_NOT_FOUND, false);
       inject(function, 1, ERROR_ACCESS_DENIED, false);
+      // What comes after the first function of the DLL works again.
+      constexpr DWORD kNoMemory = ERROR_NOT_ENOUGH_MEMORY;
+      InjectFirst({function, 1, false, {0, kNoMemory, kNoMemory}}, false, first);
     } else if (function.starts_with(kLookUp)) {
-      // The functions that this scenario does not call are missed by nobody.
       ++result_.callSites;
-      if (first.calls.contains(function.substr(kLookUp.size()))) {
+      if (IsMissed(function, first.observation)) {
         inject(function, 1, ERROR_PROC_NOT_FOUND, false);
       }
     } else if (function == "operator new") {

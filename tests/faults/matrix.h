@@ -30,10 +30,6 @@ Played PlayOnly(Stage& stage, const Scenario& scenario, const Fault& fault);
 Holdings HeldNow(const Stage& stage);
 Holdings Growth(const Holdings& before, const Holdings& after);
 
-// What a fault is to lead to; nothing when the table does not say.
-std::optional<Outcome> Expected(const Scenario& scenario, const Fault& fault,
-                                const Observation& usual);
-
 // What is wrong with a run, one text for each thing.
 std::vector<std::string> Compare(const Stage& stage, const Played& run, const Outcome& expected,
                                  const Fault& fault);
@@ -64,7 +60,7 @@ class FaultMatrix {
   void RunFresh();
   void RunFunction(const FunctionRow& row, const std::string& function, int calls);
   void Inject(const Fault& fault, bool weak);
-  void InjectFirst(const Fault& fault, bool weak, const Observation& first);
+  void InjectFirst(const Fault& fault, bool weak, const Played& first);
   // What is wrong with a run under a fault, what it holds apart.
   std::vector<std::string> Judge(const Stage& stage, const Played& run, const Fault& fault,
                                  bool weak, const Observation& usual) const;

@@ -161,18 +161,21 @@ std::vector<Scenario> ObjectScenarios() {
 std::vector<Scenario> ChangeScenarios() {
   const std::string unpinned = "placeholder|273|Failed to pin to local: {file}";
   std::vector<Scenario> scenarios;
-  scenarios.push_back(OnOpen(
-      "CORVWinCFPlaceholderUpdate",
-      [](Stage& stage) {
-        return CALL(CORVWinCFPlaceholderUpdate, stage.placeholder, "identity", stage.meta);
-      },
-      {0},
-      {{"CfGetPlaceholderInfo", {0, {kNoInfo}}},
-       {"CfUpdatePlaceholder",
-        {-1, {"placeholder|409|Failed to update placeholder, path: {file} {code}"}}},
-       {"LoadLibraryExW",
-        {-1, {kNoInfo, "placeholder|409|Failed to update placeholder, path: {file} {code}"}}},
-       {"CfSetPinState", {0, {unpinned}}}}));
+  scenarios.push_back(
+      OnOpen("CORVWinCFPlaceholderUpdate",
+             [](Stage& stage) {
+               return CALL(CORVWinCFPlaceholderUpdate, stage.placeholder, "identity", stage.meta);
+             },
+             {0},
+             {{"CfGetPlaceholderInfo", {0, {kNoInfo}}},
+              {"CfUpdatePlaceholder",
+               {-1, {"placeholder|409|Failed to update placeholder, path: {file} {code}"}}},
+              {"LoadLibraryExW:cldapi.dll",
+               {-1, {kNoInfo, "placeholder|409|Failed to update placeholder, path: {file} {code}"}},
+               kAnyCall,
+               std::nullopt,
+               true},
+              {"CfSetPinState", {0, {unpinned}}}}));
   scenarios.push_back(OnOpen("CORVWinCFPlaceholderConvertToPlaceholder",
                              [](Stage& stage) {
                                return CALL(CORVWinCFPlaceholderConvertToPlaceholder,
