@@ -2,11 +2,14 @@
 # Measures what the library costs, under Wine, beside what cannot be had for less. Installs what is
 # missing (Debian 12) and builds what is not built.
 #
-#   ./bench.sh [--quick] [--large] [FAMILY]...
+#   ./bench.sh [--quick] [--large] [--compare OLD.json] [FAMILY]...
 #
 #   FAMILY   what to measure: exports, callbacks, streaming, filter, shell, load (default: all)
 #   --quick  a few seconds: shows that everything runs, the figures mean little
 #   --large  the sizes that take long, too
+#   --compare OLD.json
+#            says at the end what has changed since an earlier run, whose results.json this is, beyond
+#            the noise of both
 #
 # Prints one table and writes it, the figures as JSON and a picture of each family below
 # $NIMBRA_WORK/bench (NIMBRA_WORK: build/, or a folder in the user's cache where the checkout cannot
@@ -51,14 +54,17 @@ build() {
 }
 
 main() {
-  local argument
+  local argument value=''
   for argument in "$@"; do
+    if [[ -n $value ]]; then value='' && continue; fi
     case $argument in
       --help | -h) print_help && return ;;
+      --compare) value=expected ;;
       --quick | --large) ;;
       -*) usage_error "unknown option '$argument'" ;;
     esac
   done
+  [[ -z $value ]] || usage_error "compare with which run?"
   choose_work_directory
   exec 7>"$NIMBRA_WORK/.lock"
   flock -n 7 || die "Another run uses '$NIMBRA_WORK'. Wait for it, or set NIMBRA_WORK to a folder of" \

@@ -22,8 +22,9 @@ SOURCE = HERE.parent
 sys.path[:0] = [str(HERE), str(SOURCE / "tests" / "e2e")]
 
 from load import measure_load  # noqa: E402  (needs the path above)
+from report.compare import Comparison  # noqa: E402
 from report.pictures import make_picture  # noqa: E402
-from report.rows import FAMILIES, problems  # noqa: E402
+from report.rows import FAMILIES, problems, with_derived  # noqa: E402
 from report.table import make_table  # noqa: E402
 
 # A prefix of its own: what the shell's part leaves in the profile is nobody else's.
@@ -40,10 +41,19 @@ FILES = {
 }
 
 
+def read_results(path):
+    """What an earlier run wrote: before this one writes over it."""
+    try:
+        return json.loads(pathlib.Path(path).read_text())
+    except (OSError, ValueError) as error:
+        raise argparse.ArgumentTypeError(f"{path}: {error}") from error
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true", help="only whether everything runs")
     parser.add_argument("--large", action="store_true", help="the sizes that take long, too")
+    parser.add_argument("--compare", type=read_results, metavar="OLD.json", help="with that run")
     parser.add_argument("--output", type=pathlib.Path, required=True)
     parser.add_argument("--files", type=pathlib.Path, help="for sync roots (the work folder)")
     parser.add_argument("--daemon", type=pathlib.Path, required=True, help="cloud-filterd")
@@ -123,7 +133,8 @@ def machine():
 
 def write_files(output, about, rows):
     output.mkdir(parents=True, exist_ok=True)
-    (output / "results.json").write_text(json.dumps({"machine": about, "rows": rows}, indent=1))
+    results = {"machine": about, "rows": [with_derived(row) for row in rows]}
+    (output / "results.json").write_text(json.dumps(results, indent=1))
     (output / "table.txt").write_text(make_table(rows) + "\n")
     for family in FAMILIES:
         of_family = [row for row in rows if row["family"] == family]
@@ -153,6 +164,9 @@ def main():
             f"{about['loadBefore']:.1f} before and {about['loadAfter']:.1f} after. "
             f"Files: {arguments.output}"
         )
+        if arguments.compare:
+            print(f"\nSince the run of {arguments.compare['machine']['time']}:")
+            print(Comparison(arguments.compare["rows"], rows).text())
     for problem in wrong:
         print(f"bench: {problem}", file=sys.stderr)
     return 1 if wrong else 0

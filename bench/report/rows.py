@@ -11,17 +11,22 @@ FAMILIES = {
     "load": "Loading the library",
 }
 
+# An A/A above this says that little is sure.
+NOISY = 0.1
+
 TIME_UNITS = ((1, "ns"), (1e3, "us"), (1e6, "ms"), (1e9, "s"))
-
-
 SIZE_UNITS = ((1, "B"), (1 << 10, "KiB"), (1 << 20, "MiB"))
+
+
+def scaled(value, units):
+    """The value in the unit that suits it, and the unit."""
+    factor, unit = max((pair for pair in units if abs(value) >= pair[0]), default=units[0])
+    return value / factor, unit
 
 
 def value_text(row, value):
     """Three figures and a unit."""
-    units = SIZE_UNITS if row.get("unit") == "bytes" else TIME_UNITS
-    factor, unit = max((pair for pair in units if abs(value) >= pair[0]), default=units[0])
-    value = value / factor
+    value, unit = scaled(value, SIZE_UNITS if row.get("unit") == "bytes" else TIME_UNITS)
     return f"{value:.{2 if abs(value) < 10 else 1 if abs(value) < 100 else 0}f} {unit}"
 
 
@@ -59,6 +64,10 @@ def quantity(row, name):
     if name == "own":
         return row["subject"] - row["baseline"]
     return row[name]
+
+
+def is_noisy(row):
+    return row["noise"] > NOISY
 
 
 def misses(row):
@@ -106,6 +115,11 @@ def problems(rows, families, functions=()):
     measured = {function for row in rows for function in row["functions"]}
     found += [f"no row is about {function}" for function in functions if function not in measured]
     return found
+
+
+def with_derived(row):
+    """A row with all that the table says of it, for programs."""
+    return {**row, "own": quantity(row, "own"), "missed": misses(row), "noisy": is_noisy(row)}
 
 
 def any_of(rows, family):

@@ -1,9 +1,20 @@
 """The table of all rows."""
 
-from .rows import FAMILIES, STANDINGS, limits_text, misses, quantity, standing, value_text
+from .rows import (
+    FAMILIES,
+    NOISY,
+    STANDINGS,
+    is_noisy,
+    limits_text,
+    misses,
+    quantity,
+    standing,
+    value_text,
+)
 
-COLUMNS = ("", "takes", "baseline", "own", "ratio", "spread", "A/A", "allocations", "limit")
-WIDTHS = (50, 9, 9, 9, 7, 7, 6, 12, 0)
+COLUMNS = ("", "takes", "baseline", "own", "ratio", "spread", "A/A  ")
+COLUMNS += ("rounds", "allocations", "limit")
+WIDTHS = (50, 9, 9, 9, 7, 7, 8, 6, 12, 0)
 
 
 def line(cells):
@@ -36,7 +47,8 @@ def cells(row):
         value_text(row, quantity(row, "own")),
         f"{row['ratio']:.2f}",
         f"{row['spread']:.1%}",
-        f"{row['noise']:.1%}",
+        f"{row['noise']:.1%} {'!' if is_noisy(row) else ' '}",
+        str(row["rounds"]),
         count_text(row),
         verdict(row),
     )
@@ -73,5 +85,11 @@ def make_table(rows):
         lines += standings(of_family)
     missed = sum(1 for row in rows if misses(row))
     limited = sum(1 for row in rows if row.get("limits"))
+    noisy = sum(1 for row in rows if is_noisy(row))
     lines += ["", f"{limited - missed} of {limited} rows with a limit keep it"]
+    if noisy:
+        have = "has" if noisy == 1 else "have"
+        lines.append(
+            f"{noisy} of {len(rows)} rows {have} an A/A above {NOISY:.0%} (!): little is sure"
+        )
     return "\n".join(lines)
