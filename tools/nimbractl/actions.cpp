@@ -37,11 +37,19 @@ bool IsPassedOver(const OpenItem& open, const Item& item) {
   return !item.wasNamed && !open.Is(CORVWinCFPlaceholderIsPlaceholder);
 }
 
+// ForEachItem for what changes items. Those of other providers are not touched.
+Tally ChangeEachItem(const ItemOptions& options, const Work& work) {
+  OtherProviders others;
+  return ForEachItem(options.paths, options.recursive, [&](const Item& item) {
+    return others.Own(item) ? Outcome::kSkipped : work(item);
+  });
+}
+
 // One call for each item. For the pin states the platform itself goes down the folders.
 ExitCode Apply(const ItemOptions& options, Function function, const std::string& verb,
                const std::string& whatFailed) {
   RequirePlatform();
-  const auto tally = ForEachItem(options.paths, options.recursive, [&](const Item& item) {
+  const auto tally = ChangeEachItem(options, [&](const Item& item) {
     const OpenItem open(item);
     if (IsPassedOver(open, item)) return Outcome::kSkipped;
     open.Do(function, whatFailed);
@@ -53,7 +61,7 @@ ExitCode Apply(const ItemOptions& options, Function function, const std::string&
 // The files whose data is missing. The rest of the tally is as if they had been fetched.
 std::vector<Item> FindMissing(const ItemOptions& options, Tally& tally) {
   std::vector<Item> missing;
-  tally = ForEachItem(options.paths, options.recursive, [&](const Item& item) {
+  tally = ChangeEachItem(options, [&](const Item& item) {
     RequireData(item, options.recursive);
     if (item.isFolder) return Outcome::kSkipped;
     const OpenItem open(item);
@@ -99,7 +107,7 @@ ExitCode RunHydrate(const ItemOptions& options, Progress progress) {
 
 ExitCode RunDehydrate(const ItemOptions& options) {
   RequirePlatform();
-  const auto tally = ForEachItem(options.paths, options.recursive, [&](const Item& item) {
+  const auto tally = ChangeEachItem(options, [&](const Item& item) {
     RequireData(item, options.recursive);
     if (item.isFolder) return Outcome::kSkipped;
     const OpenItem open(item);

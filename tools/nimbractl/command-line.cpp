@@ -26,6 +26,21 @@ constexpr char kFooter[] = R"(Examples:
 Exit codes: 0 all went well, 1 something failed, 2 wrong arguments, 3 the platform is not available
 (nimbractl info tells why). Failures are written to the error stream.)";
 
+// How a command may end, below its examples.
+constexpr char kItemCodes[] =
+    "Exit codes: 0 all went well, 1 something failed, for some items or all, 2 wrong arguments,\n"
+    "3 the platform is not available (nimbractl info tells why).";
+constexpr char kRootCodes[] =
+    "Exit codes: 0 it went well, 1 it failed, 2 wrong arguments, 3 the platform is not available\n"
+    "(nimbractl info tells why).";
+constexpr char kEntryCodes[] =
+    "Exit codes: 0 it went well, 1 it failed, 2 wrong arguments, 3 the gate is closed (nimbractl\n"
+    "info tells why).";
+constexpr char kListCodes[] = "Exit codes: 0 it went well, 2 wrong arguments.";
+
+// For examples.
+constexpr char kSomeClsid[] = "{96192FD0-AD1A-4677-B4FF-D6C144466725}";
+
 constexpr char kSeveralItems[] = "files and folders; the last part of one may have wildcards";
 
 // Where the parser takes several values, "[a, b]" is a list to it and "{}" an empty one; both are
@@ -97,10 +112,11 @@ class CommandLine {
   template <class Options, class Run>
   std::pair<CLI::App*, std::shared_ptr<Options>> Add(CLI::App& parent, const std::string& name,
                                                      const std::string& description,
-                                                     const std::string& examples, Run run) {
+                                                     const std::string& examples,
+                                                     const std::string& exitCodes, Run run) {
     auto* command = parent.add_subcommand(name, description);
     const auto options = std::make_shared<Options>();
-    command->footer(examples)->group("Commands");
+    command->footer(examples + "\n\n" + exitCodes)->group("Commands");
     command->final_callback([this, options, run = std::move(run)] {
       chosen_ = [options, run] { return run(*options); };
     });
@@ -123,9 +139,12 @@ class CommandLine {
   void AddInfo() {
     auto [command, options] = Add<InfoOptions>(
         app_, "info", "show the platform, the versions, and whether and why the gate is closed",
-        "Exit code 3 says that sync roots cannot be served here: the gate is closed, or the\n"
-        "platform does not answer. With --program it says so of that program, too.\n\n"
-        "Examples:\n  nimbractl info\n  nimbractl info --program C:\\Client\\client.exe",
+        "With --program it looks whether the gate would be open for that program, too.\n\n"
+        "Examples:\n  nimbractl info\n  nimbractl info --json\n"
+        "  nimbractl info --program C:\\Client\\client.exe",
+        "Exit codes: 0 sync roots can be served here, 1 the program cannot be read, 2 wrong\n"
+        "arguments, 3 sync roots cannot be served: the gate is closed, cldapi.dll is missing or\n"
+        "lacks a function, or the platform does not answer.",
         RunInfo);
     command
         ->add_option("--program", options->program,
@@ -140,7 +159,7 @@ class CommandLine {
         "Of what is no placeholder, pinned, excluded and in sync are not known (-).\n\n"
         "Examples:\n  nimbractl state C:\\Cloud\\a.txt C:\\Cloud\\*.jpg\n"
         "  nimbractl state --recursive --json C:\\Cloud",
-        RunState);
+        kItemCodes, RunState);
     AddPaths(*command, *options);
     AddJson(*command, options->json);
   }
@@ -153,7 +172,7 @@ class CommandLine {
         app_, "hydrate", "fetch the data of files that are not on the disk, and wait for it",
         "The client that serves them must be running.\n\n"
         "Examples:\n  nimbractl hydrate C:\\Cloud\\a.txt\n  nimbractl hydrate -r C:\\Cloud\\2024",
-        [](const Options& given) {
+        kItemCodes, [](const Options& given) {
           const std::map<std::string, Progress> known{{"always", Progress::kAlways},
                                                       {"never", Progress::kNever}};
           const auto found = known.find(given.progress);
@@ -188,7 +207,7 @@ class CommandLine {
   template <class Run>
   void AddSimple(const std::string& name, const std::string& description, bool recursive,
                  const std::string& examples, Run run) {
-    auto [command, options] = Add<ItemOptions>(app_, name, description, examples, run);
+    auto [command, options] = Add<ItemOptions>(app_, name, description, examples, kItemCodes, run);
     AddPaths(*command, *options, recursive);
   }
 
@@ -198,8 +217,9 @@ class CommandLine {
     };
     auto [command, options] = Add<Options>(
         app_, "unpin", "take pins and exclusions from files and folders, with all below them",
-        "Example:\n  nimbractl unpin C:\\Cloud\\2024",
-        [](const Options& given) { return RunUnpin(given, given.inherit); });
+        "Examples:\n  nimbractl unpin C:\\Cloud\\2024\n"
+        "  nimbractl unpin --inherit C:\\Cloud\\2024",
+        kItemCodes, [](const Options& given) { return RunUnpin(given, given.inherit); });
     AddPaths(*command, *options, false);
     command->add_flag("--inherit", options->inherit,
                       "have them take the state of the folder that they lie in instead");
@@ -209,11 +229,11 @@ class CommandLine {
     struct Options : ItemOptions {
       bool isNot = false;
     };
-    auto [command, options] =
-        Add<Options>(app_, "in-sync", "mark placeholders as in sync",
-                     "Examples:\n  nimbractl in-sync C:\\Cloud\\a.txt\n"
-                     "  nimbractl in-sync --not C:\\Cloud\\a.txt",
-                     [](const Options& given) { return RunInSync(given, given.isNot); });
+    auto [command, options] = Add<Options>(
+        app_, "in-sync", "mark placeholders as in sync",
+        "Examples:\n  nimbractl in-sync C:\\Cloud\\a.txt\n"
+        "  nimbractl in-sync --not C:\\Cloud\\a.txt",
+        kItemCodes, [](const Options& given) { return RunInSync(given, given.isNot); });
     AddPaths(*command, *options);
     command->add_flag("--not", options->isNot, "mark them as not in sync");
   }
@@ -223,7 +243,7 @@ class CommandLine {
         app_, "identity", "show the client's own names of placeholders, and of their sync root",
         "Examples:\n  nimbractl identity C:\\Cloud\\a.txt\n"
         "  nimbractl identity -r --json C:\\Cloud",
-        RunIdentity);
+        kItemCodes, RunIdentity);
     AddPaths(*command, *options);
     AddJson(*command, options->json);
   }
@@ -232,15 +252,17 @@ class CommandLine {
     auto [roots, json] = Add<bool>(
         app_, "roots", "list the sync roots of this machine",
         "They are those that the shell knows. The state is 'ready' for those that the platform\n"
-        "knows too, and 'shell only' for those that it does not.\n\nExample:\n  nimbractl roots",
-        RunRoots);
+        "knows too, and 'shell only' for those that it does not.\n\n"
+        "Examples:\n  nimbractl roots\n  nimbractl roots --json",
+        kListCodes, RunRoots);
     AddJson(*roots, *json);
 
     auto [add, given] =
         Add<RegisterOptions>(app_, "register", "make a folder a sync root",
                              "It writes to HKEY_LOCAL_MACHINE and so needs an administrator.\n\n"
-                             "Example:\n  nimbractl register C:\\Cloud --session 7 --name Work",
-                             RunRegister);
+                             "Examples:\n  nimbractl register C:\\Cloud --session 7 --name Work\n"
+                             "  nimbractl register C:\\Cloud --session 7 --name Home --again",
+                             kRootCodes, RunRegister);
     add->add_option("PATH", given->path, "the folder")->required();
     add->add_option("--session", given->session, "the client's number for it")
         ->required()
@@ -255,8 +277,9 @@ class CommandLine {
         app_, "unregister", "make a sync root an ordinary folder",
         "Its client must not be running. Files that are not fully on the disk are deleted by it;\n"
         "unless that is allowed, it does nothing when there are any.\n\n"
-        "Example:\n  nimbractl unregister C:\\Cloud",
-        RunUnregister);
+        "Examples:\n  nimbractl unregister C:\\Cloud\n"
+        "  nimbractl unregister --delete-online-only C:\\Cloud",
+        kRootCodes, RunUnregister);
     remove->add_option("PATH", which->path, "the sync root's folder")->required();
     remove->add_flag("--delete-online-only", which->deleteOnlineOnly,
                      "allow that files which are not fully on the disk are deleted");
@@ -276,13 +299,15 @@ class CommandLine {
   void AddExplorer() {
     auto* explorer = app_.add_subcommand("explorer", "entries in Explorer's navigation pane");
     explorer->require_subcommand(1)->group("Commands");
-    explorer->footer("Example:\n  nimbractl explorer list");
+    explorer->footer("Example:\n  nimbractl explorer list\n\n" + std::string(kEntryCodes));
     auto [add, entry] = Add<EntryOptions>(
         *explorer, "register", "show a sync root in the navigation pane",
         "Keep the class identifier that it prints: it names the entry from then on. Sync roots\n"
         "that are registered with the same one share an entry.\n\n"
-        "Example:\n  nimbractl explorer register C:\\Cloud --name Work",
-        RunExplorerRegister);
+        "Examples:\n  nimbractl explorer register C:\\Cloud --name Work\n"
+        "  nimbractl explorer register C:\\Cloud --name Work --clsid " +
+            std::string(kSomeClsid),
+        kEntryCodes, RunExplorerRegister);
     add->add_option("PATH", entry->path, "the sync root's folder")->required();
     add->add_option("--clsid", entry->clsid, "the entry's class identifier (a new one)")
         ->check(CheckClsid, "");
@@ -297,9 +322,9 @@ class CommandLine {
 
     auto [remove, which] = Add<EntryOptions>(
         *explorer, "unregister", "remove a sync root from an entry, or an entry from the pane",
-        "Examples:\n  nimbractl explorer unregister C:\\Cloud --clsid {...}\n"
-        "  nimbractl explorer unregister --clsid {...}",
-        RunExplorerUnregister);
+        "Examples:\n  nimbractl explorer unregister C:\\Cloud --clsid " + std::string(kSomeClsid) +
+            "\n  nimbractl explorer unregister --clsid " + kSomeClsid,
+        kEntryCodes, RunExplorerUnregister);
     remove->add_option("PATH", which->path, "the sync root's folder; without it, the entry goes");
     remove->add_option("--clsid", which->clsid, "the entry's class identifier")
         ->required()
@@ -308,7 +333,9 @@ class CommandLine {
         ->type_name("NUMBER");
 
     auto [list, json] = Add<bool>(*explorer, "list", "list the entries of this user",
-                                  "Example:\n  nimbractl explorer list", RunExplorerList);
+                                  "Examples:\n  nimbractl explorer list\n"
+                                  "  nimbractl explorer list --json",
+                                  kListCodes, RunExplorerList);
     AddJson(*list, *json);
   }
 
@@ -321,7 +348,9 @@ class CommandLine {
         "These are the lines that it writes to the debugger output. Only one program can read\n"
         "that, and processes that run under a debugger send theirs there. With --json there is\n"
         "one object a line.\n\n"
-        "Examples:\n  nimbractl log\n  nimbractl log --pid 4711 --for 60 --all",
+        "Examples:\n  nimbractl log\n  nimbractl log --pid 4711 --for 60 --all\n"
+        "  nimbractl log --json --for 60",
+        "Exit codes: 0 it was ended, 1 another program reads the lines, 2 wrong arguments.",
         [](Options given) {
           if (given.limit >= 0) given.seconds = given.limit;
           return RunLog(given);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <utility>
 
@@ -37,13 +38,23 @@ std::size_t Width(const std::string& text) {
   }));
 }
 
+bool isOutputLost = false;
+
 }  // namespace
 
 bool Write(Stream stream, const std::string& text) {
   if (IsTerminal(stream)) return WriteToConsole(HandleOf(stream), Wide(text));
   FILE* const file = stream == Stream::kOutput ? stdout : stderr;
-  return std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0;
+  if (std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0) {
+    return true;
+  }
+  // The reader has gone, or there never was one.
+  const bool isUnread = errno == EPIPE || errno == EINVAL || errno == EBADF;
+  isOutputLost = isOutputLost || (stream == Stream::kOutput && !isUnread);
+  return false;
 }
+
+bool IsOutputLost() { return isOutputLost; }
 
 bool WriteLine(Stream stream, const std::string& line) { return Write(stream, line + "\n"); }
 

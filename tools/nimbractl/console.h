@@ -11,8 +11,12 @@ namespace nimbractl {
 
 enum class Stream { kOutput, kError };
 
-// Writes the text at once. Gives false when nobody reads it any more.
+// Writes the text at once. Gives false when nobody reads it any more, or it cannot be written.
 bool Write(Stream stream, const std::string& text);
+
+// Whether some of the output could not be written for another reason than that nobody reads it,
+// such as a full disk.
+[[nodiscard]] bool IsOutputLost();
 
 // Write with a line break after it.
 bool WriteLine(Stream stream, const std::string& line);

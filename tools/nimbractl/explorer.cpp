@@ -86,6 +86,7 @@ ExitCode RunExplorerRegister(const EntryOptions& options) {
   RequireOpenGate();
   const auto folder = FindItem(AbsolutePath(options.path));
   if (!folder.isFolder) throw Failure(folder.Name() + " is a file", "name the sync root's folder");
+  static_cast<void>(OtherProviders().Own(folder));
   if (folder.path.size() >= MAX_PATH) {
     throw Failure("no shortcut can hold a path as long as " + folder.Name(),
                   "choose a shorter one");

@@ -44,13 +44,21 @@ Program Examine(const std::string& path) {
   return {Utf8(AbsolutePath(path)), lists, gate};
 }
 
+// A further line of a value.
+std::string Indented(const std::string& text) { return "\n" + std::string(16, ' ') + text; }
+
 std::string VersionText(const std::string& version) {
   return version.empty() ? "no version in its resources" : version;
 }
 
 std::string CloudFilesText(const CloudFilesDll& dll) {
   if (dll.error != 0) return "not usable: " + ErrorText(dll.error);
-  return VersionText(dll.version) + "  " + dll.path;
+  auto text = VersionText(dll.version) + "  " + dll.path;
+  if (dll.missing.empty()) return text;
+  text += Indented("lacks " + Count(static_cast<std::int64_t>(dll.missing.size()), "function") +
+                   " that the library calls; what needs one fails:");
+  for (const auto& name : dll.missing) text += Indented("  " + name);
+  return text;
 }
 
 std::string PlatformText(const PlatformAnswer& answer) {
@@ -62,7 +70,7 @@ std::string PlatformText(const PlatformAnswer& answer) {
 
 std::string GateText(Gate gate) {
   if (gate == Gate::kOpen) return "open";
-  return "CLOSED: " + GateReason(gate) + "\n" + std::string(16, ' ') + GateAdvice(gate);
+  return "CLOSED: " + GateReason(gate) + Indented(GateAdvice(gate));
 }
 
 std::string ManifestText(const Program& program) {
@@ -73,8 +81,8 @@ std::string ManifestText(const Program& program) {
 // GateReason speaks of this process.
 std::string ProgramGateText(const Program& program) {
   if (program.gate != Gate::kManifestMissing) return GateText(program.gate);
-  return "CLOSED: Windows passes itself off as an older one to a program without the entry\n" +
-         std::string(16, ' ') + GateAdvice(program.gate);
+  return "CLOSED: Windows passes itself off as an older one to a program without the entry" +
+         Indented(GateAdvice(program.gate));
 }
 
 void PrintText(const Facts& facts, const std::optional<Program>& program) {
@@ -142,7 +150,8 @@ void PrintJson(const Facts& facts, const std::optional<Program>& program) {
   json["windows"] = {{"real", ToJson(facts.real)}, {"reported", ToJson(facts.reported)}};
   json["cldapi"] = {{"path", OrNull(facts.dll.path)},
                     {"version", OrNull(facts.dll.version)},
-                    {"error", facts.dll.error}};
+                    {"error", facts.dll.error},
+                    {"missingFunctions", facts.dll.missing}};
   json["platform"] = ToJson(facts.platform);
   json["gate"] = ToJson(facts.gate);
   json["streaming"] = {{"supported", CORVWinCFIsWinVersionSupportFileStreaming()},
@@ -166,7 +175,7 @@ ExitCode RunInfo(const InfoOptions& options) {
   const Facts facts;
   options.json ? PrintJson(facts, program) : PrintText(facts, program);
   const bool isReady = facts.gate == Gate::kOpen && facts.platform.result >= 0 &&
-                       (!program || program->gate == Gate::kOpen);
+                       facts.dll.missing.empty() && (!program || program->gate == Gate::kOpen);
   return isReady ? ExitCode::kOk : ExitCode::kNoPlatform;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "command-line.h"
+#include "console.h"
 #include "items.h"
 #include "owners.h"
 
@@ -28,7 +29,12 @@ std::vector<std::string> Arguments() {
 
 int main() {
   try {
-    return static_cast<int>(nimbractl::RunCommandLine(Arguments()));
+    const auto code = nimbractl::RunCommandLine(Arguments());
+    if (nimbractl::IsOutputLost()) {
+      throw nimbractl::Failure("not all of the output could be written",
+                               "make room where it goes to; what was to be done was done");
+    }
+    return static_cast<int>(code);
   } catch (const nimbractl::Failure& failure) {
     nimbractl::PrintFailure(failure);
     return static_cast<int>(failure.code);

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <array>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -51,6 +52,41 @@ std::string VersionOf(const std::string& file) {
     text += std::to_string(part);
   }
   return text;
+}
+
+// What the library calls.
+constexpr std::array kFunctions{
+    "CfGetPlatformInfo",
+    "CfRegisterSyncRoot",
+    "CfUnregisterSyncRoot",
+    "CfConnectSyncRoot",
+    "CfDisconnectSyncRoot",
+    "CfGetSyncRootInfoByPath",
+    "CfGetTransferKey",
+    "CfReleaseTransferKey",
+    "CfExecute",
+    "CfReportProviderProgress",
+    "CfCreatePlaceholders",
+    "CfConvertToPlaceholder",
+    "CfUpdatePlaceholder",
+    "CfRevertPlaceholder",
+    "CfHydratePlaceholder",
+    "CfDehydratePlaceholder",
+    "CfSetPinState",
+    "CfSetInSyncState",
+    "CfGetPlaceholderInfo",
+    "CfGetPlaceholderStateFromFindData",
+    "CfReferenceProtectedHandle",
+    "CfGetWin32HandleFromProtectedHandle",
+    "CfReleaseProtectedHandle",
+};
+
+std::vector<std::string> FunctionsMissingIn(HMODULE module) {
+  std::vector<std::string> missing;
+  for (const auto* name : kFunctions) {
+    if (GetProcAddress(module, name) == nullptr) missing.emplace_back(name);
+  }
+  return missing;
 }
 
 // As the library loads it.
@@ -147,9 +183,9 @@ std::string GateAdvice(Gate gate) {
 
 CloudFilesDll FindCloudFilesDll() {
   const auto module = LoadCloudFilesDll();
-  if (!module) return {{}, {}, GetLastError()};
+  if (!module) return {{}, {}, GetLastError(), {}};
   const auto path = PathOf(module.get());
-  return {path, VersionOf(path), 0};
+  return {path, VersionOf(path), 0, FunctionsMissingIn(module.get())};
 }
 
 // The library asks the same, but keeps a failure to itself.

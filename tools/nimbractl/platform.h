@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace nimbractl {
 
@@ -38,6 +39,7 @@ struct CloudFilesDll {
   std::string path;     // empty when there is none
   std::string version;  // empty when it does not tell
   std::uint32_t error = 0;
+  std::vector<std::string> missing;  // the functions that the library calls and that it lacks
 };
 [[nodiscard]] CloudFilesDll FindCloudFilesDll();
 

@@ -43,6 +43,7 @@ std::wstring ParentOf(const std::wstring& path) { return path.substr(0, path.rfi
 
 // The session number of the sync root whose folder this is; throws a Failure for any other path.
 std::uint64_t RequireSyncRoot(const Item& folder) {
+  static_cast<void>(OtherProviders().Own(folder));
   const auto identity = SyncRootIdentity(folder.path);
   const auto advice = "nimbractl roots lists the sync roots";
   if (!identity) throw Failure(folder.Name() + " lies in no sync root", advice);
@@ -50,9 +51,9 @@ std::uint64_t RequireSyncRoot(const Item& folder) {
     throw Failure(folder.Name() + " lies inside a sync root, but is not its folder", advice);
   }
   const auto session = SessionOf(*identity);
-  if (!session || nimbra::IsInForeignSyncRoot(folder.Name())) {
-    throw Failure(folder.Name() + " is a sync root of another provider",
-                  "leave it to that provider's own program");
+  if (!session) {
+    throw Failure(folder.Name() + " is a sync root with no number in its identity, " + *identity,
+                  "leave it to the program that registered it");
   }
   return *session;
 }
@@ -62,7 +63,7 @@ std::uint64_t RequireSyncRoot(const Item& folder) {
 void RefuseLoss(const Item& folder) {
   std::int64_t files = 0, bytes = 0;
   const auto tally = ForEachItem({folder.Name()}, true, [&](const Item& item) {
-    if (!item.isFolder && CORVWinCFIsFullyHydratedW(item.path.c_str()) != 0) {
+    if (!item.isFolder && CORVWinCFIsFullyHydratedW(ForWindows(item.path).c_str()) != 0) {
       ++files;
       bytes += item.size;
     }
@@ -87,6 +88,7 @@ ExitCode RunRegister(const RegisterOptions& options) {
   RequirePlatform();
   const auto folder = FindItem(AbsolutePath(options.path));
   if (!folder.isFolder) throw Failure(folder.Name() + " is a file", "name a folder");
+  static_cast<void>(OtherProviders().Own(folder));  // throws
   if (options.again) {
     RequireSyncRoot(folder);
   } else if (const auto known = SyncRootIdentity(folder.path)) {

@@ -43,6 +43,7 @@ std::string NumberText(const std::optional<std::int64_t>& number) {
 Json ToJson(const Item& item, const State& state) {
   return {{"path", item.Name()},
           {"folder", item.isFolder},
+          {"link", false},
           {"placeholder", state.isPlaceholder},
           {"hydrated", state.isHydrated},
           {"pinned", OrNull(state.isPinned)},
@@ -52,18 +53,32 @@ Json ToJson(const Item& item, const State& state) {
           {"bytesOnDisk", item.isFolder ? Json() : OrNull(state.onDisk)}};
 }
 
+// Nothing is asked of a link: the answer would be about what it leads to.
+Json ToJson(const Item& link) {
+  Json json{{"path", link.Name()}, {"folder", link.isFolder}, {"link", true}};
+  for (const auto* question :
+       {"placeholder", "hydrated", "pinned", "excluded", "inSync", "size", "bytesOnDisk"}) {
+    json[question] = Json();
+  }
+  return json;
+}
+
 Tally PrintTable(const ItemOptions& options) {
   Table table(
       {"placeholder", "hydrated", "pinned", "excluded", "in sync", "size", "on disk", "path"});
-  const auto tally = ForEachItem(options.paths, options.recursive, [&](const Item& item) {
+  const auto work = [&](const Item& item) {
     const auto state = Ask(item);
     table.Add({YesNo(state.isPlaceholder), YesNo(state.isHydrated), YesNo(state.isPinned),
                YesNo(state.isExcluded), YesNo(state.isInSync),
                item.isFolder ? "folder" : std::to_string(item.size),
                item.isFolder ? "-" : NumberText(state.onDisk), item.Name()});
     return Outcome::kDone;
-  });
-  if (tally.done > 0) Write(Stream::kOutput, table.Text());
+  };
+  const auto onLink = [&](const Item& link) {
+    table.Add({"-", "-", "-", "-", "-", "link", "-", link.Name()});
+  };
+  const auto tally = ForEachItem(options.paths, options.recursive, work, {}, onLink);
+  if (tally.done + tally.skipped > 0) Write(Stream::kOutput, table.Text());
   return tally;
 }
 
@@ -76,7 +91,8 @@ Tally PrintJson(const ItemOptions& options) {
   const auto onFailure = [&](const std::string& path, const Failure& failure) {
     items.push_back({{"path", path}, {"error", failure.what()}});
   };
-  const auto tally = ForEachItem(options.paths, options.recursive, work, onFailure);
+  const auto onLink = [&](const Item& link) { items.push_back(ToJson(link)); };
+  const auto tally = ForEachItem(options.paths, options.recursive, work, onFailure, onLink);
   WriteLine(Stream::kOutput, JsonText(items));
   return tally;
 }
