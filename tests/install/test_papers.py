@@ -11,7 +11,7 @@ import package
 from package import text_of
 
 DESCRIBE = package.SOURCE / "packaging" / "describe-package.py"
-SCHEMAS = package.HERE / "cyclonedx"
+SCHEMA = package.HERE / "sbom.schema.json"
 
 
 def shipped_binaries():
@@ -20,16 +20,10 @@ def shipped_binaries():
 
 
 def schema_faults(sbom):
-    """What Debian's jsonschema says of it, by the schema of its format."""
-    folder = package.new_folder()
-    for path in SCHEMAS.glob("*.json"):
-        schema = json.loads(path.read_text(encoding="utf-8"))
-        # The others would be looked for beside its address, and so on the network.
-        schema.pop("$id")
-        (folder / path.name).write_text(json.dumps(schema), encoding="utf-8")
-    (folder / "sbom").write_text(json.dumps(sbom), encoding="utf-8")
-    command = ("/usr/bin/jsonschema", "--base-uri", f"{folder.as_uri()}/", "-i", folder / "sbom")
-    result = package.attempt(*command, folder / "bom-1.5.schema.json")
+    """What Debian's jsonschema says of it."""
+    file = package.new_folder() / "sbom"
+    file.write_text(json.dumps(sbom), encoding="utf-8")
+    result = package.attempt("/usr/bin/jsonschema", "-i", file, SCHEMA)
     return result.stdout or ("" if result.returncode == 0 else f"exit code {result.returncode}")
 
 
@@ -39,24 +33,16 @@ class Papers(unittest.TestCase):
         cls.sbom = json.loads(text_of("nimbra.cdx.json"))
         cls.components = {part["bom-ref"]: part for part in cls.sbom["components"]}
 
-    def test_the_sbom_is_of_the_form_that_cyclonedx_asks_for(self):
-        self.assertEqual(self.sbom["bomFormat"], "CycloneDX")
-        self.assertEqual(self.sbom["specVersion"], "1.5")
-        self.assertRegex(
-            self.sbom["serialNumber"], r"^urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}$"
-        )
+    def test_the_sbom_names_only_parts_that_it_has(self):
         self.assertEqual(len(self.components), len(self.sbom["components"]))
-        for component in self.sbom["components"]:
-            self.assertIn(component["type"], ("file", "library"))
-            self.assertTrue(component["name"])
         known = {*self.components, self.sbom["metadata"]["component"]["bom-ref"]}
         for dependency in self.sbom["dependencies"]:
             self.assertLessEqual({dependency["ref"], *dependency["dependsOn"]}, known)
 
-    def test_the_sbom_follows_the_schema_of_cyclonedx(self):
+    def test_the_sbom_has_the_form_that_cyclonedx_asks_for(self):
         self.assertEqual(schema_faults(self.sbom), "")
 
-    def test_the_check_against_the_schema_finds_faults(self):
+    def test_the_check_of_its_form_finds_faults(self):
         for change, complaint in (
             ({"invented": 1}, "'invented' was unexpected"),
             ({"version": "one"}, "'one' is not of type 'integer'"),
