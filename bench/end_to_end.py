@@ -2,8 +2,8 @@
 
 Uses the pieces of the end-to-end tests. Three providers serve a sync root each and answer at once,
 out of memory: the library's, one of the same program that calls the platform itself, and a native
-one. The steps between them, and to a file whose data is there, tell what is the library's cost, what
-is Wine's and what is the simulator's.
+one. The steps between them, and to a file whose data is there, tell what is the library's cost,
+what is Wine's and what is the simulator's.
 """
 
 import concurrent.futures
@@ -66,7 +66,7 @@ def late(samples):
 class Measurements(EndToEndCase):
     """Not a test: unittest brings its parts up and takes them down."""
 
-    seconds = 600
+    seconds = 2400
     needs_provider = False
     null_provider = None
     files = None  # the folder for the sync roots
@@ -87,7 +87,12 @@ class Measurements(EndToEndCase):
         log = open(self.folder / "serving.log", "wb")
         self.addCleanup(log.close)
         program = subprocess.Popen(
-            [wine_program(), self.bin / "nimbra-bench.exe", "serve", self.folder_argument(self.roots_folder)],
+            [
+                wine_program(),
+                self.bin / "nimbra-bench.exe",
+                "serve",
+                self.folder_argument(self.roots_folder),
+            ],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=log,
@@ -201,7 +206,7 @@ class Measurements(EndToEndCase):
             "placeholders",
             self.folder_argument(folder),
             *(f"--{name}" for name in ("quick", "large") if getattr(self, name)),
-            timeout=500,
+            timeout=2000,
             CLOUD_FILTER_ENDPOINT=str(self.daemon.endpoint),
         )
         assert done.returncode == 0, done.stderr.decode(errors="replace")

@@ -37,8 +37,8 @@ class Ratios:
     """How many times as long as the baseline."""
 
     explanation = (
-        "Time by the baseline's, logarithmic: lower is better, left of the line at 1 is faster than "
-        "the baseline."
+        "Time by the baseline's, logarithmic: lower is better, left of the line at 1 is faster "
+        "than the baseline."
     )
     one = 1.0
     least, most = 0.5, 2.0
@@ -170,7 +170,7 @@ def legend(rows):
         parts += [rectangle(530, 57, 18, 10, BAD), text(554, 66, "a limit is missed", size=11)]
     if any(map(is_other, rows)):
         parts.append(rectangle(680, 57, 18, 10, OTHER))
-        parts.append(text(704, 66, "another way: right of 1 is where the library is faster", size=11))
+        parts.append(text(704, 66, "another way: right of 1 the library is faster", size=11))
     return parts
 
 
