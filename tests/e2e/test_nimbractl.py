@@ -5,6 +5,7 @@ import pathlib
 import pty
 import re
 import subprocess
+import tempfile
 
 from harness.content import write_content
 from harness.nimbractl import NimbractlCase
@@ -15,7 +16,6 @@ ODD_NAME = "größe 中文 😀.bin"
 ITEM_COMMANDS = (
     "state", "identity", "hydrate", "dehydrate", "pin", "unpin", "exclude", "in-sync"
 )
-COMMANDS = (*ITEM_COMMANDS, "info", "roots", "register", "unregister", "explorer", "log")
 
 
 class Items(NimbractlCase):
@@ -442,55 +442,6 @@ class ExplorerEntries(NimbractlCase):
         )
 
 
-class Usage(NimbractlCase):
-    needs_fuse = False
-    needs_daemon = False
-
-    def help_of(self, *command):
-        return self.run_ctl(*command, "--help").output
-
-    def test_the_help_names_each_command_has_examples_and_tells_the_exit_codes(self):
-        text = self.help_of()
-        for command in COMMANDS:
-            self.assertRegex(text, rf"(?m)^  {command} +\w")
-        self.assertIn("Examples:\n  nimbractl info", text)
-        self.assertIn("Exit codes: 0 all went well, 1 something failed, 2 wrong arguments, 3", text)
-
-    def test_the_help_of_each_command_shows_its_arguments_and_an_example(self):
-        for command in (*COMMANDS, "explorer register", "explorer unregister", "explorer list"):
-            with self.subTest(command=command):
-                text = self.help_of(*command.split())
-                self.assertIn(f"Usage: nimbractl {command} [OPTIONS]", text)
-                self.assertRegex(text, rf"Examples?:\n  nimbractl {command}")
-                if command in ITEM_COMMANDS:
-                    self.assertIn("PATH...", text)
-
-    def test_the_version_is_the_project_s(self):
-        lists = pathlib.Path(__file__).parents[2] / "CMakeLists.txt"
-        version = re.search(r"project\(Nimbra VERSION (\S+)", lists.read_text())[1]
-        self.assertEqual(self.run_ctl("--version").output, f"nimbractl {version}\n")
-
-    def test_wrong_arguments_are_named_with_where_to_look(self):
-        for arguments, complaint in (
-            ((), "a command is missing"),
-            (("nonsense",), "there is no command 'nonsense'"),
-            (("explorer", "nonsense"), "there is no command 'nonsense'"),
-            (("state",), "PATH is required"),
-            (("state", "--nope", "x"), "--nope"),
-            (("roots", "extra"), "extra"),
-            (("register", "x"), "--session is required"),
-            (("register", "x", "--session", "2147483648"), "2147483648"),
-            (("register", "x", "--session", "seven"), "seven"),
-            (("hydrate", "--progress", "maybe", "x"), "maybe"),
-            (("log", "--for", "-1"), "-1"),
-            (("log", "--pid", "me"), "me"),
-        ):
-            with self.subTest(arguments=arguments):
-                errors = self.failure(*arguments, code=2)
-                self.assertIn(complaint, errors)
-                self.assertIn("--help shows how to use it", errors)
-
-
 class NoPlatform(NimbractlCase):
     """What it says when something is not there; what needs nothing works all the same."""
 
@@ -575,6 +526,59 @@ class NoPlatform(NimbractlCase):
                          "No sync root is registered.\n")
         self.run_ctl("explorer", "list", program=program)
         self.run_ctl("log", "--for", "0.1", program=program)
+
+    def cldapi_without(self, *functions):
+        """nimbractl with a cldapi.dll that lacks these, each of which has another name there."""
+        folder = pathlib.Path(tempfile.mkdtemp(dir=self.folder))
+        for name in ("nimbractl.exe", "Nimbra.dll"):
+            (folder / name).symlink_to((self.bin / name).resolve())
+        image = (self.bin / "cldapi.dll").read_bytes()
+        for function in functions:
+            name = b"\0" + function.encode() + b"\0"
+            self.assertIn(name, image)
+            image = image.replace(name, name[:-2] + b"_\0")
+        (folder / "cldapi.dll").write_bytes(image)
+        return folder / "nimbractl.exe"
+
+    def test_a_function_that_cldapi_lacks_is_named_and_what_needs_none_works(self):
+        program = self.cldapi_without("CfHydratePlaceholder", "CfSetPinState")
+        info = self.run_ctl("info", "--json", program=program, code=3).json
+        self.assertEqual(
+            info["cldapi"]["missingFunctions"], ["CfHydratePlaceholder", "CfSetPinState"]
+        )
+        self.assertEqual((info["gate"]["open"], info["platform"]["answers"]), (True, True))
+        output = self.run_ctl("info", program=program, code=3).output
+        self.assertRegex(output, r"lacks 2 functions that the library calls.*:\n"
+                                 r" {18}CfHydratePlaceholder\n {18}CfSetPinState\n")
+        folder = self.folder / "a root without functions"
+        folder.mkdir()
+        self.run_ctl("register", folder, "--session", "6", program=program)
+        errors = self.failure("pin", folder, program=program)
+        self.run_ctl("in-sync", folder, program=program)
+        self.run_ctl("unregister", folder, program=program)
+        self.assertIn("0x8007007F ERROR_PROC_NOT_FOUND, cldapi.dll lacks a function", errors)
+        self.assertIn("nimbractl info tells which", errors)
+
+    def test_a_cldapi_that_does_not_even_tell_its_version_is_no_platform(self):
+        program = self.cldapi_without("CfGetPlatformInfo")
+        answer = self.run_ctl("info", "--json", program=program, code=3).json
+        self.assertEqual(answer["platform"]["result"] & 0xFFFFFFFF, 0x8007007F)
+        self.assert_every_command_refuses("ERROR_PROC_NOT_FOUND", program=program)
+
+    def test_the_functions_that_it_looks_for_are_those_that_the_library_calls(self):
+        table = pathlib.Path(__file__).parents[2] / "lib/cloud-filter/common/cldapi-table.h"
+        called = re.findall(r"decltype\(&::(Cf\w+)\)", table.read_text())
+        self.assertGreater(len(called), 20)
+        program = self.cldapi_without(*called)
+        info = self.run_ctl("info", "--json", program=program, code=3).json
+        self.assertEqual(info["cldapi"]["missingFunctions"], called)
+
+    def test_a_cldapi_that_is_no_dll_is_told_from_a_missing_one(self):
+        program = self.cldapi_without()
+        program.with_name("cldapi.dll").write_bytes(b"no DLL")
+        info = self.run_ctl("info", "--json", program=program, code=3).json
+        self.assertEqual(info["cldapi"]["error"], 193)
+        self.assertIn("not usable: 0x800700C1", self.run_ctl("info", program=program, code=3).output)
 
     def test_without_the_filter_it_says_what_to_start(self):
         self.assertEqual(self.daemon.stop(), 0)

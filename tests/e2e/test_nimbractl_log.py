@@ -65,6 +65,15 @@ class Lines(DebugOutputCase):
         self.assertFalse(any("foreign" in line or "without the rest" in line
                              for line in log.lines), log.lines)
 
+    def test_a_result_is_spelled_out_wherever_it_stands(self):
+        log = Listener(self)
+        for message in ("Failed to set excluded.-2147024504", "to normal file, hr=-2147024504",
+                        "Failed to convert to placeholder. -2147024504", "on path C:/x, ec: 5",
+                        "Failed to ack rename-2147024504", "transfer buffer, ec = 8"):
+            self.speak("lib\\cloud-filter\\win-cf\\placeholder (1) | " + message)
+            start = re.split(r"-?\d", message)[0]
+            self.assertRegex(log.wait_for(start), re.escape(start) + "0x80070[01][08][58]")
+
     def test_all_shows_what_other_software_writes_in_its_code_page_too(self):
         log = Listener(self, "--all")
         self.speak("a foreign line: é", "another one\r\n", self.LINE + "-2147024504\r\n")

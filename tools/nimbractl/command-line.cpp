@@ -312,7 +312,7 @@ class CommandLine {
     add->add_option("--clsid", entry->clsid, "the entry's class identifier (a new one)")
         ->check(CheckClsid, "");
     add->add_option("--folder-id", entry->folderId,
-                    "the number of the entry's folder of shortcuts (the entry's own, or a new one)")
+                    "the number of its folder of shortcuts (the entry's own, or a new one)")
         ->type_name("NUMBER");
     add->add_option("--name", entry->name, "shown after the product's name (the folder's name)")
         ->type_name("TEXT");

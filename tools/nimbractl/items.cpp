@@ -8,6 +8,7 @@
 #include "console.h"
 #include "identity.h"
 #include "owners.h"
+#include "platform.h"
 #include "results.h"
 
 namespace nimbractl {
@@ -238,6 +239,9 @@ void OpenItem::Do(CORVWinCFStatus (*function)(CORVWinCFPlaceholderHandle),
   const auto what = name_ + " " + whatFailed;
   if (!result && GetFileAttributesW(ForWindows(Wide(name_)).c_str()) == INVALID_FILE_ATTRIBUTES) {
     result = HRESULT_FROM_WIN32(GetLastError());
+  }
+  if (!result && !FindCloudFilesDll().missing.empty()) {
+    result = HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
   }
   if (!result) throw Failure(what, "the library gives no reason; try again");
   throw Failure(what + ": " + ResultText(*result), ResultAdvice(*result));

@@ -43,13 +43,14 @@ LONG CALLBACK TakeLine(EXCEPTION_POINTERS* pointers) noexcept {
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
-// Results stand alone between blanks; Windows' error codes after "ec:" or "error:".
+// Results stand alone, behind a blank, a stop or an equals sign, or at the very end behind a word;
+// Windows' error codes after "ec:" or "error:".
 const std::regex& ResultPattern() {
-  static const std::regex pattern(R"((^| )(-\d{9,10})(?= |$))");
+  static const std::regex pattern(R"((^|[ .=]|[a-z](?=-[12]\d{9}$))(-\d{9,10})(?= |$))");
   return pattern;
 }
 const std::regex& ErrorPattern() {
-  static const std::regex pattern(R"((ec|err|error): (\d{1,5})$)");
+  static const std::regex pattern(R"(((?:ec|err|error)(?:: | = ))(\d{1,5})$)");
   return pattern;
 }
 
@@ -88,7 +89,7 @@ std::string ReadableMessage(const std::string& message) {
   }
   std::smatch found;
   if (std::regex_search(rest, found, ErrorPattern())) {
-    return text + found.prefix().str() + found[1].str() + ": " +
+    return text + found.prefix().str() + found[1].str() +
            ErrorText(static_cast<std::uint32_t>(Number(found[2])));
   }
   return text + rest;
