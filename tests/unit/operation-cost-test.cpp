@@ -293,8 +293,8 @@ using PagesDouble = ImportDouble<"VirtualAlloc", decltype(&::VirtualAlloc)>;
 class TransferCountTest : public OpenPlaceholderTest {
  protected:
   // Each test begins and ends without a kept buffer.
-  TransferCountTest() { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
-  ~TransferCountTest() override { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
+  void SetUp() override { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
+  void TearDown() override { corvdrive::cloud_filter::FreeKeptTransferBuffer(); }
 
   // A local file that is said to have that size and costs no reading.
   void Transfer(std::int64_t size) {

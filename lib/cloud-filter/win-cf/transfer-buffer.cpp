@@ -48,7 +48,6 @@ bool TransferBuffer::Obtain(std::size_t length) noexcept {
   if (!TakeKept(length)) {
     // Zero, all of it, and free of charge until it is touched.
     pages_.Reset(VirtualAlloc(nullptr, kSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    dirtyEnd_ = 0;
   }
   return pages_.IsValid();
 }
