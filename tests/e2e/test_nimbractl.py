@@ -310,6 +310,7 @@ class Roots(NimbractlCase):
         self.assertEqual(entry["displayName"], f"Corvane Drive (Wörk, {folder.name})")
         self.assertEqual((entry["folderExists"], entry["knownToPlatform"]), (True, True))
         self.assertRegex(entry["user"], r"^S-1-5-")
+        self.assertEqual(self.prefix.run("reg", "query", entry["key"]).returncode, 0)
         row = next(row for row in self.run_ctl("roots").rows if f"{PREFIX}71" in row)
         self.assertEqual(row[:2], ["ready", "CorvaneDrive"])
         self.assertIn(
@@ -502,6 +503,21 @@ class NoPlatform(NimbractlCase):
         write_content(text, 100)
         self.assertIn("0x800700C1", self.failure("info", "--program", text))
         self.assertIn("check the path", self.failure("info", "--program", self.folder / "missing"))
+
+    def test_a_client_in_compatibility_mode_is_told_from_one_without_a_manifest(self):
+        program = self.bin / "mirror.exe"
+        key = r"HKCU\Software\Microsoft\Windows NT\CurrentVersion\AppCompatFlags\Layers"
+        for layers, state in (("~ HIGHDPIAWARE", "open"), ("~ WIN7RTM", "compatibility-mode")):
+            added = self.prefix.run("reg", "add", key, "/v", dos_path(program), "/d", layers, "/f")
+            self.assertEqual(added.returncode, 0)
+            code = 0 if state == "open" else 3
+            told = self.run_ctl("info", "--json", "--program", program, code=code).json["program"]
+            self.assertEqual((told["gate"]["state"], told["listsWindows10"]), (state, True))
+        self.assertEqual(told["compatibilityMode"], "WIN7RTM")
+        output = self.run_ctl("info", "--program", program, code=3).output
+        self.assertRegex(output, r"its gate +CLOSED: the program runs in compatibility mode")
+        removed = self.prefix.run("reg", "delete", key, "/v", dos_path(program), "/f")
+        self.assertEqual(removed.returncode, 0)
 
     def test_a_manifest_beside_a_program_that_has_none_counts_without_its_comments(self):
         program = self.folder / "client.exe"

@@ -30,18 +30,22 @@ struct Facts {
 struct Program {
   std::string path;
   std::optional<bool> listsWindows10;  // nothing: it has no manifest
+  std::optional<std::string> compatibilityMode;
   Gate gate;
 };
 
 Program Examine(const std::string& path) {
   const auto lists = ManifestListsWindows10(path);
+  const auto compatibilityMode = CompatibilityMode(path);
   auto gate = Gate::kOpen;
   if (!RealVersion().IsNewEnough()) {
     gate = Gate::kWindowsTooOld;
   } else if (!lists.value_or(false)) {
     gate = Gate::kManifestMissing;
+  } else if (compatibilityMode) {
+    gate = Gate::kCompatibilityMode;
   }
-  return {Utf8(AbsolutePath(path)), lists, gate};
+  return {Utf8(AbsolutePath(path)), lists, compatibilityMode, gate};
 }
 
 // A further line of a value.
@@ -108,6 +112,7 @@ void PrintText(const Facts& facts, const std::optional<Program>& program) {
     text += "\n";
     add("program", program->path);
     add("its manifest", ManifestText(*program));
+    if (program->compatibilityMode) add("compatibility", *program->compatibilityMode);
     add("its gate", ProgramGateText(*program));
   }
   Write(Stream::kOutput, text);
@@ -125,6 +130,8 @@ std::string Name(Gate gate) {
       return "windows-too-old";
     case Gate::kManifestMissing:
       return "manifest-missing";
+    case Gate::kCompatibilityMode:
+      return "compatibility-mode";
   }
   return {};
 }
@@ -162,6 +169,7 @@ void PrintJson(const Facts& facts, const std::optional<Program>& program) {
         {"path", program->path},
         {"hasManifest", program->listsWindows10.has_value()},
         {"listsWindows10", program->listsWindows10.value_or(false)},
+        {"compatibilityMode", OrNull(program->compatibilityMode)},
         {"gate", {{"open", program->gate == Gate::kOpen}, {"state", Name(program->gate)}}}};
   }
   WriteLine(Stream::kOutput, JsonText(json));

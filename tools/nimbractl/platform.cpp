@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "basics.h"
 #include "items.h"
 #include "owners.h"
+#include "registry.h"
 #include "results.h"
 
 namespace nimbractl {
@@ -151,7 +153,8 @@ WindowsVersion ReportedVersion() {
 
 Gate FindGate() {
   if (CORVWinCFIsWinVersionSupportFileStreaming()) return Gate::kOpen;
-  return RealVersion().IsNewEnough() ? Gate::kManifestMissing : Gate::kWindowsTooOld;
+  if (!RealVersion().IsNewEnough()) return Gate::kWindowsTooOld;
+  return CompatibilityMode(PathOf(nullptr)) ? Gate::kCompatibilityMode : Gate::kManifestMissing;
 }
 
 std::string GateReason(Gate gate) {
@@ -164,6 +167,9 @@ std::string GateReason(Gate gate) {
     case Gate::kManifestMissing:
       return "the program's manifest is missing or does not list Windows 10: Windows is " +
              RealVersion().Text() + ", but passes itself off as " + ReportedVersion().Text();
+    case Gate::kCompatibilityMode:
+      return "the program runs in compatibility mode: Windows is told to pass itself off as an "
+             "older one";
   }
   return {};
 }
@@ -177,6 +183,8 @@ std::string GateAdvice(Gate gate) {
     case Gate::kManifestMissing:
       return "give the program a manifest with the supportedOS "
              "{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}";
+    case Gate::kCompatibilityMode:
+      return "switch it off in the program's properties, under Compatibility";
   }
   return {};
 }
@@ -221,6 +229,19 @@ void RequirePlatform() {
   if (answer.result >= 0) return;
   throw Failure("the Cloud Files platform does not answer: " + ResultText(answer.result),
                 ResultAdvice(answer.result), ExitCode::kNoPlatform);
+}
+
+std::optional<std::string> CompatibilityMode(const std::string& program) {
+  constexpr wchar_t kLayers[] =
+      LR"(Software\Microsoft\Windows NT\CurrentVersion\AppCompatFlags\Layers)";
+  for (auto* const root : {HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE}) {
+    const auto layers = ReadText(root, kLayers, AbsolutePath(program));
+    std::istringstream words(Utf8(layers.value_or(L"")));
+    for (std::string word; words >> word;) {
+      if (word.starts_with("WIN") || word.starts_with("VISTA")) return word;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<bool> ManifestListsWindows10(const std::string& program) {

@@ -28,7 +28,7 @@ struct WindowsVersion {
 // What it says that it is, to a program with this one's manifest. The library goes by that.
 [[nodiscard]] WindowsVersion ReportedVersion();
 
-enum class Gate { kOpen, kWindowsTooOld, kManifestMissing };
+enum class Gate { kOpen, kWindowsTooOld, kManifestMissing, kCompatibilityMode };
 [[nodiscard]] Gate FindGate();
 // Why the gate is closed and what to do about it; empty for an open one.
 [[nodiscard]] std::string GateReason(Gate gate);
@@ -61,6 +61,10 @@ struct LibraryFile {
 void RequireOpenGate();
 // And unless the platform answers.
 void RequirePlatform();
+
+// The older Windows that this one is told to show a program, by the program's properties, such as
+// "WIN7RTM"; nothing if it is not.
+[[nodiscard]] std::optional<std::string> CompatibilityMode(const std::string& program);
 
 // Whether a program's manifest lists Windows 10; nothing if it has no manifest. Throws a Failure
 // if it cannot be read.

@@ -21,6 +21,7 @@ constexpr wchar_t kSyncRootManager[] =
 
 // A key of the shell's is named "<provider>!<user's SID>!<the sync root's identity>".
 struct Root {
+  std::string key;
   std::string provider, user, identity;
   std::string displayName;
   std::string path;  // empty when the user has none in this key
@@ -30,6 +31,7 @@ struct Root {
 
 Root ParseKey(const std::string& key) {
   Root root;
+  root.key = R"(HKEY_LOCAL_MACHINE\)" + Utf8(kSyncRootManager) + "\\" + key;
   const auto first = key.find('!');
   const auto second = first == std::string::npos ? first : key.find('!', first + 1);
   root.provider = key.substr(0, first);
@@ -94,7 +96,8 @@ void PrintJson(const std::vector<Root>& roots) {
                     {"identity", root.identity},
                     {"displayName", root.displayName},
                     {"folderExists", root.folderExists},
-                    {"knownToPlatform", OrNull(root.isKnownToPlatform)}});
+                    {"knownToPlatform", OrNull(root.isKnownToPlatform)},
+                    {"key", root.key}});
   }
   WriteLine(Stream::kOutput, JsonText(json));
 }
