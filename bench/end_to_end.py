@@ -25,6 +25,7 @@ from report.rows import make_row
 
 MIB = 1 << 20
 BLOCK = 100  # samples that give one 99th of 100
+BLOCKS = 7
 
 # Who, beside whom: the names of the samples below, and of the rows.
 STEPS = (
@@ -176,7 +177,7 @@ class Measurements(EndToEndCase):
 
     def measure_first_byte(self):
         self.create(["small"], 64 << 10)
-        samples = self.sample(5 if self.quick else 4 * BLOCK, ["small"], first_byte)
+        samples = self.sample(5 if self.quick else BLOCKS * BLOCK, ["small"], first_byte)
         self.add_steps("open to first byte, 64 KiB, median", samples)
         if not self.quick:
             blocks = {name: late(column) for name, column in samples.items()}
@@ -193,7 +194,7 @@ class Measurements(EndToEndCase):
     def measure_crowd(self):
         names = [f"crowd-{number}" for number in range(4 if self.quick else 32)]
         self.create(names, MIB)
-        samples = self.sample(1 if self.quick else 9, names, read_all)
+        samples = self.sample(1 if self.quick else 11, names, read_all)
         self.add_steps(f"cat of {len(names)} files of 1 MiB at once", samples, len(names))
 
     # What clients do

@@ -227,6 +227,7 @@ void MeasureQueries(const Settings& settings) {
   const std::wstring widePath = Utf8ToWide(path);
   Effort effort = settings.Short();
   effort.batchNanoseconds *= 10;
+  effort.rounds = settings.isQuick ? effort.rounds : 31;
   const auto askAll = [&widePath](bool withSize) {
     const HANDLE item = OpenItem(widePath);
     LARGE_INTEGER size{};
