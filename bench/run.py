@@ -104,7 +104,8 @@ def fuse_is_missing():
     return os.environ.get("NIMBRA_NO_FUSE") == "1" and not fuse_is_usable()
 
 
-def measure(family, arguments):
+def measure(family, arguments, seconds):
+    """The rows of a family; how long they took goes into `seconds`."""
     begun = time.monotonic()
     if family == "filter":
         rows = measure_on_filter(arguments)
@@ -112,7 +113,8 @@ def measure(family, arguments):
         rows = measure_load(arguments, LAUNCHER)
     else:
         rows = measure_in_program(family, arguments)
-    print(f"  {family:<12} {time.monotonic() - begun:6.1f} s", file=sys.stderr, flush=True)
+    seconds[family] = round(time.monotonic() - begun, 1)
+    print(f"  {family:<12} {seconds[family]:6.1f} s", file=sys.stderr, flush=True)
     return rows
 
 
@@ -148,10 +150,12 @@ def main():
         print("bench: /dev/fuse cannot be used here, so nothing on the filter", file=sys.stderr)
         arguments.families.remove("filter")
     about = machine()
+    about["syncRoots"] = str(arguments.files or "work folder")
+    about["familySeconds"] = {}
     begun = time.monotonic()
     rows = []
     for family in arguments.families:
-        rows += measure(family, arguments)
+        rows += measure(family, arguments, about["familySeconds"])
     about["seconds"] = round(time.monotonic() - begun, 1)
     about["loadAfter"] = os.getloadavg()[0]
     everything = exported_functions() if arguments.families == list(FAMILIES) else []
