@@ -2,6 +2,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -104,7 +105,8 @@ TEST_F(DeferredLoadingTest, HappensOnceOnFirstUseFromTheSystemsFolder) {
 }
 
 TEST_F(DeferredLoadingTest, AFailureIsThatOfTheOperationAndIsTriedAgain) {
-  for (const DWORD error : {ERROR_NOT_ENOUGH_MEMORY, ERROR_MOD_NOT_FOUND, ERROR_ACCESS_DENIED}) {
+  for (const DWORD error : std::initializer_list<DWORD>{ERROR_NOT_ENOUGH_MEMORY,
+                                                        ERROR_MOD_NOT_FOUND, ERROR_ACCESS_DENIED}) {
     SCOPED_TRACE(error);
     refusal = error;
     log_.Clear();
