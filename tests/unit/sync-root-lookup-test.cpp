@@ -105,16 +105,40 @@ TEST_F(SyncRootIdentityTest, AWrongLengthGivesZeros) {
   }
 }
 
+// What the platform says that it wrote may count the fixed part only, or nothing.
+TEST_F(SyncRootIdentityTest, TheReturnedLengthDoesNotMatter) {
+  static DWORD returnedLength = 0;
+  static std::string identity;
+  corvdrive::cloud_filter::CldApi odd = corvdrive::cloud_filter::Cloud();
+  odd.CfGetSyncRootInfoByPath = [](LPCWSTR, CF_SYNC_ROOT_INFO_CLASS infoClass, PVOID buffer,
+                                   DWORD length, DWORD* returned) {
+    *returned = returnedLength;
+    return FillSyncRoot({identity}, infoClass, buffer, length, nullptr);
+  };
+  const auto* previous = corvdrive::cloud_filter::ExchangeCldApi(&odd);
+  for (const std::size_t size : {8u, 4096u}) {
+    identity = std::string(size - 1, 'i') + "!";
+    for (const DWORD length : {0u, 8u, 1056u, 1060u, 65536u, 0xFFFFFFFFu}) {
+      SCOPED_TRACE(length);
+      returnedLength = length;
+      buffer_.fill(static_cast<char>(0xCC));
+      EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(kPath, buffer_.data()), 0);
+      EXPECT_TRUE(Written() == identity);
+    }
+  }
+  corvdrive::cloud_filter::ExchangeCldApi(previous);
+}
+
 TEST_F(SyncRootIdentityTest, APlatformThatDoesNotSayHowMuchItWroteIsBelieved) {
   corvdrive::cloud_filter::CldApi silent = corvdrive::cloud_filter::Cloud();
   silent.CfGetSyncRootInfoByPath = [](LPCWSTR, CF_SYNC_ROOT_INFO_CLASS infoClass, PVOID buffer,
                                       DWORD length, DWORD*) {
-    return FillSyncRoot({"identity"}, infoClass, buffer, length, nullptr);
+    return FillSyncRoot({std::string(60000, 'i')}, infoClass, buffer, length, nullptr);
   };
   const auto* previous = corvdrive::cloud_filter::ExchangeCldApi(&silent);
   EXPECT_EQ(CORVWinCFGetSyncRootIdentityByPath(kPath, buffer_.data()), 0);
   corvdrive::cloud_filter::ExchangeCldApi(previous);
-  EXPECT_EQ(Written(), "identity");
+  EXPECT_TRUE(Written() == std::string(60000, 'i'));
 }
 
 TEST_F(SyncRootIdentityTest, CopiesNothingForAnEmptyIdentity) {

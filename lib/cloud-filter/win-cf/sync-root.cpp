@@ -117,7 +117,7 @@ HRESULT SyncRootWinCF::Disconnect() {
   if (FAILED(result)) {
     Log(kSource, __LINE__, "Failed to disconnected from syncroot, err: ", result);
   }
-  // Callbacks have ended, and their transfers with them. Another root's next one takes fresh pages.
+  // A client without a root transfers no more for now; a running transfer has a buffer of its own.
   FreeKeptTransferBuffer();
   return result;
 }

@@ -8,8 +8,31 @@ namespace corvdrive::cloud_filter {
 namespace {
 
 // The one buffer that no transfer has. How far it is dirty stands in its first bytes, which makes
-// these dirty, too.
-std::atomic<void*> kept = nullptr;
+// these dirty, too. Freed when the module is unloaded.
+class KeptPages {
+ public:
+  constexpr KeptPages() noexcept = default;
+  ~KeptPages() { Take(); }
+  KeptPages(const KeptPages&) = delete;
+  KeptPages& operator=(const KeptPages&) = delete;
+
+  UniquePages Take() noexcept {
+    return UniquePages(pages_.exchange(nullptr, std::memory_order_acquire));
+  }
+
+  // Frees them if there are some already.
+  void Put(UniquePages pages) noexcept {
+    void* none = nullptr;
+    if (pages_.compare_exchange_strong(none, pages.Get(), std::memory_order_release,
+                                       std::memory_order_relaxed)) {
+      static_cast<void>(pages.Release());
+    }
+  }
+
+ private:
+  std::atomic<void*> pages_ = nullptr;
+};
+constinit KeptPages kept;
 
 std::size_t DirtyEndOf(const void* pages) noexcept {
   std::size_t dirtyEnd = 0;
@@ -25,41 +48,42 @@ bool IsWorthClearing(std::size_t dirtyEnd, std::size_t length) noexcept {
   return dirtyEnd <= length || dirtyEnd - length <= kForAny + kForEachByte * length;
 }
 
-// Keeps a buffer if none is kept, else frees it.
-void Keep(UniquePages pages) noexcept {
-  void* none = nullptr;
-  if (kept.compare_exchange_strong(none, pages.Get(), std::memory_order_release,
-                                   std::memory_order_relaxed)) {
-    static_cast<void>(pages.Release());
-  }
-}
-
 }  // namespace
 
 TransferBuffer::~TransferBuffer() {
   if (pages_.IsValid()) {
     dirtyEnd_ = std::max(dirtyEnd_, sizeof dirtyEnd_);
     std::memcpy(pages_.Get(), &dirtyEnd_, sizeof dirtyEnd_);
-    Keep(std::move(pages_));
+    kept.Put(std::move(pages_));
   }
 }
 
 bool TransferBuffer::Obtain(std::size_t length) noexcept {
-  if (!TakeKept(length)) {
-    // Zero, all of it, and free of charge until it is touched.
-    pages_.Reset(VirtualAlloc(nullptr, kSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  if (TakeKept([length](std::size_t dirtyEnd) { return IsWorthClearing(dirtyEnd, length); })) {
+    return true;
   }
-  return pages_.IsValid();
+  // Zero, all of it, and free of charge until it is touched.
+  pages_.Reset(VirtualAlloc(nullptr, kSize, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  dirtyEnd_ = 0;
+  if (pages_.IsValid()) {
+    return true;
+  }
+  // Nobody shall fail for want of the memory that is kept.
+  const DWORD error = GetLastError();
+  const bool isTaken = TakeKept([](std::size_t) { return true; });
+  SetLastError(error);
+  return isTaken;
 }
 
-bool TransferBuffer::TakeKept(std::size_t length) noexcept {
-  UniquePages pages(kept.exchange(nullptr, std::memory_order_acquire));
+template <typename Predicate>
+bool TransferBuffer::TakeKept(Predicate isWanted) noexcept {
+  UniquePages pages = kept.Take();
   if (!pages.IsValid()) {
     return false;
   }
   const std::size_t dirtyEnd = DirtyEndOf(pages.Get());
-  if (!IsWorthClearing(dirtyEnd, length)) {
-    Keep(std::move(pages));
+  if (!isWanted(dirtyEnd)) {
+    kept.Put(std::move(pages));
     return false;
   }
   pages_ = std::move(pages);
@@ -75,8 +99,6 @@ void* TransferBuffer::PrepareChunk(std::size_t length) noexcept {
   return pages_.Get();
 }
 
-void FreeKeptTransferBuffer() noexcept {
-  const UniquePages pages(kept.exchange(nullptr, std::memory_order_acquire));
-}
+void FreeKeptTransferBuffer() noexcept { kept.Take(); }
 
 }  // namespace corvdrive::cloud_filter

@@ -27,14 +27,16 @@ class TransferBuffer {
   TransferBuffer& operator=(const TransferBuffer&) = delete;
 
   // Takes the kept buffer or fresh pages, whichever is ready sooner for a first chunk of that
-  // length. False with the last error when there are none. To be called once.
+  // length, or what there is. False with the last error when there is nothing. To be called once.
   [[nodiscard]] bool Obtain(std::size_t length) noexcept;
 
   // Where a chunk of that length is to be written, and no byte behind it: those are zero.
   [[nodiscard]] void* PrepareChunk(std::size_t length) noexcept;
 
  private:
-  [[nodiscard]] bool TakeKept(std::size_t length) noexcept;
+  // Takes the kept buffer if it is wanted as dirty as it is.
+  template <typename Predicate>
+  [[nodiscard]] bool TakeKept(Predicate isWanted) noexcept;
 
   UniquePages pages_;
   // From here on all bytes are zero. What a chunk is written to counts as dirty from before it is

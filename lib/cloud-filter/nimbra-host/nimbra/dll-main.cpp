@@ -1,7 +1,6 @@
 #include <windows.h>
 
 #include "common/version-flags.h"
-#include "win-cf/transfer-buffer.h"
 
 namespace {
 
@@ -17,14 +16,11 @@ void PrepareExceptions() noexcept {
 
 }  // namespace
 
-BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved) {
+BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID /*reserved*/) {
   if (reason == DLL_PROCESS_ATTACH) {
     DisableThreadLibraryCalls(module);
     corvdrive::cloud_filter::ComputeVersionFlags();
     PrepareExceptions();
-  } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
-    // Unloaded; where the process ends, the system takes everything back.
-    corvdrive::cloud_filter::FreeKeptTransferBuffer();
   }
   return TRUE;
 }

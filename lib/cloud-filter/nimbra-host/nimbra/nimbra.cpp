@@ -22,24 +22,27 @@ constexpr DWORD kIdentityBufferSize = 65536;
 
 constexpr std::size_t kIdentityOffset = offsetof(CF_SYNC_ROOT_STANDARD_INFO, SyncRootIdentity);
 
-// Copies the identity out of an answer whose first `written` bytes the platform wrote; of an
-// identity that claims to be longer the rest is zero.
+// Identities up to this length are taken as the platform states them, however much it says that it
+// has written: clearing room for the longest takes longer than all the rest.
+constexpr std::size_t kUsualIdentity = 4096;
+
+// Copies the identity out of an answer of which the platform says that it wrote that much; what a
+// longer identity claims beyond is zero.
 void CopyIdentity(const std::byte* answer, std::size_t written, std::byte* identity) {
   CF_SYNC_ROOT_STANDARD_INFO info;
   std::memcpy(&info, answer, sizeof info);
   // Both lengths come from outside; a wrong one must not lead past the buffer.
   const std::size_t length =
       std::min<std::size_t>(info.SyncRootIdentityLength, kIdentityBufferSize - kIdentityOffset);
-  const std::size_t given =
-      std::clamp<std::size_t>(written, kIdentityOffset, kIdentityOffset + length) - kIdentityOffset;
+  const std::size_t present = std::max(written, kIdentityOffset + kUsualIdentity) - kIdentityOffset;
+  const std::size_t given = std::min(length, present);
   std::memcpy(identity, answer + kIdentityOffset, given);
   std::memset(identity + given, 0, length - given);
 }
 
 bool CopySyncRootIdentity(const char* path, void* identity) {
-  // Clearing all of it would take longer than the rest of this.
   const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kIdentityBufferSize);
-  std::memset(buffer.get(), 0, sizeof(CF_SYNC_ROOT_STANDARD_INFO));
+  std::memset(buffer.get(), 0, kIdentityOffset + kUsualIdentity);
   // Stays so when the platform does not say how much it has written.
   DWORD returnedLength = kIdentityBufferSize;
   const HRESULT result =
