@@ -82,6 +82,17 @@ class Texts(unittest.TestCase):
         self.assertIn("20.0% !", table)
         self.assertIn("1 of 2 rows has an A/A above 10%", table)
 
+    def test_the_table_says_which_shapes_the_library_is_ahead_of(self):
+        rival = {"family": "streaming", "group": "16 MiB, 20 us, other shapes", "isRival": 1}
+        ratios = (0.98, 0.995, 1.005, 1.02)
+        rows = [row(f"r{ratio}", ratio=ratio, **rival) for ratio in ratios]
+        table = make_table([*rows, row("explains", ratio=3.0, **{**rival, "isRival": 0})])
+        self.assertIn("  the library, 16 MiB, 20 us\n", table)
+        self.assertRegex(table, r"ahead of +r1\.02 \(1\.02\)\n")
+        self.assertRegex(table, r"equal within A/A +r0\.995 \(0\.99\); r1\.005 \(1\.00\)\n")
+        self.assertRegex(table, r"behind +r0\.98 \(0\.98\)\n")
+        self.assertNotRegex(make_table([row()]), "ahead of")
+
     def test_the_picture_is_well_formed_and_draws_limits(self):
         limited = row("a < b & c", ratio=1.5, limits=[{"of": "ratio", "most": 1.25}])
         for family in ("exports", "shell"):

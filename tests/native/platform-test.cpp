@@ -55,6 +55,16 @@ TEST_F(NativePlatform, AnIdentityThatClaimsToBeLongerThanTheAnswerEndsWithIt) {
   }
 }
 
+// One piece after the other, with nothing but zeros behind each.
+void ExpectCleanPieces(const FakeCloud& cloud) {
+  std::int64_t offset = 0;
+  for (const auto& [info, parameters, dirtyTail] : cloud.executed) {
+    EXPECT_EQ(parameters.TransferData.Offset.QuadPart, offset);
+    EXPECT_EQ(dirtyTail, 0U);
+    offset += parameters.TransferData.Length.QuadPart;
+  }
+}
+
 // Transfers a file of that size and looks at what the platform was given.
 void ExpectTransfer(std::size_t size) {
   constexpr std::int64_t kChunk = std::int64_t{4} << 20;
@@ -70,12 +80,7 @@ void ExpectTransfer(std::size_t size) {
   EXPECT_TRUE(root.ProactiveTransfer(placeholder, "C:\\local"));
 
   EXPECT_TRUE(cloud.transferred == content);
-  std::int64_t offset = 0;
-  for (const auto& [info, parameters, dirtyTail] : cloud.executed) {
-    EXPECT_EQ(parameters.TransferData.Offset.QuadPart, offset);
-    EXPECT_EQ(dirtyTail, 0U);
-    offset += parameters.TransferData.Length.QuadPart;
-  }
+  ExpectCleanPieces(cloud);
   EXPECT_EQ(cloud.transferKeys, 0) << "the transfer key was not released";
   EXPECT_EQ(Windows().openHandles, 1) << "only the placeholder is still open";
 }
