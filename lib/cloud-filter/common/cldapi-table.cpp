@@ -89,28 +89,34 @@ CldApi MakeTable(HMODULE module, DWORD loadError) {
 
 std::atomic<const CldApi*> installed{nullptr};
 
-// The system's table; loads cldapi.dll when that has not succeeded yet.
+// The system's table; loads cldapi.dll when that has not succeeded yet. Nothing asks the loader for
+// something while it holds a lock: the loader may run code of others that waits for this one.
 const CldApi& SystemTable() {
   static std::atomic<const CldApi*> loaded{nullptr};
   if (const CldApi* table = loaded.load(std::memory_order_acquire)) {
     return *table;
   }
+  // The default directories leave out the current one, where a foreign DLL could lie in wait.
+  const HMODULE module = LoadLibraryExW(L"cldapi.dll", nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
+  if (module == nullptr) {
+    const DWORD loadError = GetLastError();
+    // Rewriting equal entries would race with callers of the table given out before.
+    static const CldApi absent = MakeTable(nullptr, loadError);
+    return absent;
+  }
+  const CldApi found = MakeTable(module, ERROR_SUCCESS);
   static std::mutex mutex;
   static CldApi complete;
-  const std::lock_guard lock(mutex);
-  // Another thread may have been quicker.
-  if (loaded.load(std::memory_order_relaxed) == nullptr) {
-    // The default directories leave out the current one, where a foreign DLL could lie in wait.
-    const HMODULE module = LoadLibraryExW(L"cldapi.dll", nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
-    if (module == nullptr) {
-      const DWORD loadError = GetLastError();
-      // Rewriting equal entries would race with callers of the table given out before.
-      static const CldApi absent = MakeTable(nullptr, loadError);
-      return absent;
+  {
+    const std::lock_guard lock(mutex);
+    if (loaded.load(std::memory_order_relaxed) == nullptr) {
+      complete = found;
+      loaded.store(&complete, std::memory_order_release);
+      return complete;
     }
-    complete = MakeTable(module, ERROR_SUCCESS);
-    loaded.store(&complete, std::memory_order_release);
   }
+  // Another thread was quicker; its reference to the DLL stays.
+  FreeLibrary(module);
   return complete;
 }
 
