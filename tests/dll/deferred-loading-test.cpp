@@ -1,12 +1,17 @@
 #include <gmock/gmock.h>
 #include <windows.h>
 
+#include <thumbcache.h>
+#include <unknwn.h>
+
 #include <atomic>
+#include <functional>
 #include <initializer_list>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/dll/loaded-library.h"
@@ -35,8 +40,13 @@ std::vector<HMODULE> given;
 std::vector<HMODULE> returned;
 DWORD refusal = ERROR_SUCCESS;
 const char* missingFunction = "";
+// Done once inside of a load.
+std::function<void()> meanwhile;
 
 HMODULE WINAPI TakeLoad(LPCWSTR name, HANDLE file, DWORD flags) {
+  if (const auto task = std::exchange(meanwhile, nullptr)) {
+    task();
+  }
   const std::lock_guard lock(mutex);
   loads.push_back({Narrow(name), file, flags});
   if (refusal != ERROR_SUCCESS) {
@@ -154,6 +164,75 @@ TEST_F(DeferredLoadingTest, FirstUsesOnManyThreadsAtOnceAllSucceedAndKeepOneRefe
   }
   EXPECT_EQ(made, kThreads);
   EXPECT_EQ(returned.size() + 1, given.size());
+}
+
+// As a thread finds it that another one has overtaken.
+TEST_F(DeferredLoadingTest, WhoeverComesSecondGivesItsReferenceBack) {
+  meanwhile = [this] { EXPECT_TRUE(MakesGuid()); };
+  EXPECT_TRUE(MakesGuid());
+  EXPECT_EQ(given.size(), 2u);
+  EXPECT_EQ(returned.size(), 1u);
+}
+
+TEST_F(DeferredLoadingTest, TheRegistryIsLeftAloneWhereItCannotBeReached) {
+  const auto unregister = NIMBRA_FUNCTION(library_, CORVWinCFSyncEngineUnregisterSystemFolder);
+  constexpr char kNobodysEntry[] = "{00000000-0000-0000-0000-000000000001}";
+  refusal = ERROR_NOT_ENOUGH_MEMORY;
+  EXPECT_EQ(unregister(kNobodysEntry), -1);
+  EXPECT_THAT(log_.Messages(), ElementsAre("reg is not good "));
+  EXPECT_THAT(given, IsEmpty());
+  for (const Load& load : loads) {
+    EXPECT_EQ(load.name, "advapi32.dll");
+  }
+}
+
+// A COM that only tells what is registered with it.
+IClassFactory* registered = nullptr;
+std::atomic<bool> isServing{false};
+
+HRESULT WINAPI TakeClass(REFCLSID, IUnknown* factory, DWORD, DWORD, DWORD*) {
+  registered = static_cast<IClassFactory*>(factory);
+  return S_OK;
+}
+
+HRESULT WINAPI Serve(DWORD, DWORD, ULONG, HANDLE*, DWORD*) {
+  isServing = true;
+  Sleep(INFINITE);
+  return S_OK;
+}
+
+FARPROC WINAPI FindOwnCom(HMODULE module, LPCSTR name) {
+  const std::string_view function = name;
+  void* const own = function == "CoRegisterClassObject"      ? reinterpret_cast<void*>(&TakeClass)
+                    : function == "CoWaitForMultipleHandles" ? reinterpret_cast<void*>(&Serve)
+                                                             : nullptr;
+  return own != nullptr ? reinterpret_cast<FARPROC>(own) : GetProcAddress(module, name);
+}
+
+// The thread that serves stays for good, and the library with it: in a process of its own.
+TEST(DeferredClassTest, AQuestionThatCannotBeAnsweredFailsAndGivesNoObject) {
+  const LoadedLibrary library;
+  const ScopedImportHook lookUp(library.Module(), "GetProcAddress",
+                                reinterpret_cast<void*>(&FindOwnCom));
+  const ScopedImportHook load(library.Module(), "LoadLibraryExW",
+                              reinterpret_cast<void*>(&TakeLoad));
+  NIMBRA_FUNCTION(library, CORVWinCFStartShellServices)();
+  while (!isServing) {
+    std::this_thread::yield();
+  }
+  ASSERT_NE(registered, nullptr);
+  const auto create = [](void** object) {
+    return registered->CreateInstance(nullptr, __uuidof(IThumbnailProvider), object);
+  };
+  refusal = ERROR_NOT_ENOUGH_MEMORY;
+  void* object = &object;
+  EXPECT_EQ(create(&object), static_cast<HRESULT>(0x80070008));
+  EXPECT_EQ(object, nullptr);
+  EXPECT_EQ(loads.back().name, "shlwapi.dll");
+  refusal = ERROR_SUCCESS;
+  EXPECT_EQ(create(&object), S_OK);
+  ASSERT_NE(object, nullptr);
+  EXPECT_EQ(static_cast<IUnknown*>(object)->Release(), 0u);
 }
 
 TEST(DeferredUnloadingTest, ALibraryThatHasLoadedOneCanBeUnloadedAndLoadedAgain) {
