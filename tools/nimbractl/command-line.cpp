@@ -62,6 +62,7 @@ class CommandLine {
     app_.require_subcommand(1);
     app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app_.get_formatter()->label("REQUIRED", "");
+    app_.get_formatter()->label("Positionals", "Arguments");
     app_.footer(kFooter);
     AddInfo();
     AddState();
@@ -125,7 +126,7 @@ class CommandLine {
 
   void AddPaths(CLI::App& command, ItemOptions& options, bool recursive = true) {
     takesItems_.insert(command.get_name());
-    command.add_option("PATH", options.paths, kSeveralItems)->required();
+    command.add_option("PATH", options.paths, kSeveralItems)->required()->type_name("");
     if (recursive) {
       command.add_flag("-r,--recursive", options.recursive,
                        "all below the folders among them, too");
@@ -181,9 +182,9 @@ class CommandLine {
     AddPaths(*command, *options);
     command
         ->add_option("--progress", options->progress,
-                     "whether to show a progress bar; auto: on a terminal")
+                     "show a progress bar: auto (on a terminal), always or never")
         ->default_val("auto")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->check(CLI::IsMember({"auto", "always", "never"}).description(""))
         ->type_name("WHEN");
   }
 
@@ -263,10 +264,10 @@ class CommandLine {
                              "Examples:\n  nimbractl register C:\\Cloud --session 7 --name Work\n"
                              "  nimbractl register C:\\Cloud --session 7 --name Home --again",
                              kRootCodes, RunRegister);
-    add->add_option("PATH", given->path, "the folder")->required();
-    add->add_option("--session", given->session, "the client's number for it")
+    add->add_option("PATH", given->path, "the folder")->required()->type_name("");
+    add->add_option("--session", given->session, "the client's number for it, 0 to 2147483647")
         ->required()
-        ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()))
+        ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()).description(""))
         ->type_name("NUMBER");
     add->add_option("--name", given->name, "shown in its display name")
         ->default_val("nimbractl")
@@ -280,7 +281,7 @@ class CommandLine {
         "Examples:\n  nimbractl unregister C:\\Cloud\n"
         "  nimbractl unregister --delete-online-only C:\\Cloud",
         kRootCodes, RunUnregister);
-    remove->add_option("PATH", which->path, "the sync root's folder")->required();
+    remove->add_option("PATH", which->path, "the sync root's folder")->required()->type_name("");
     remove->add_flag("--delete-online-only", which->deleteOnlineOnly,
                      "allow that files which are not fully on the disk are deleted");
   }
@@ -308,8 +309,9 @@ class CommandLine {
         "  nimbractl explorer register C:\\Cloud --name Work --clsid " +
             std::string(kSomeClsid),
         kEntryCodes, RunExplorerRegister);
-    add->add_option("PATH", entry->path, "the sync root's folder")->required();
+    add->add_option("PATH", entry->path, "the sync root's folder")->required()->type_name("");
     add->add_option("--clsid", entry->clsid, "the entry's class identifier (a new one)")
+        ->type_name("CLSID")
         ->check(CheckClsid, "");
     add->add_option("--folder-id", entry->folderId,
                     "the number of its folder of shortcuts (the entry's own, or a new one)")
@@ -317,17 +319,22 @@ class CommandLine {
     add->add_option("--name", entry->name, "shown after the product's name (the folder's name)")
         ->type_name("TEXT");
     add->add_option("--share", entry->share, "the remote share; home is shown as My Drive")
-        ->default_val("home");
-    add->add_option("--remote", entry->remotePath, "the folder in the share")->default_val("/");
+        ->default_val("home")
+        ->type_name("TEXT");
+    add->add_option("--remote", entry->remotePath, "the folder in the share")
+        ->default_val("/")
+        ->type_name("TEXT");
 
     auto [remove, which] = Add<EntryOptions>(
         *explorer, "unregister", "remove a sync root from an entry, or an entry from the pane",
         "Examples:\n  nimbractl explorer unregister C:\\Cloud --clsid " + std::string(kSomeClsid) +
             "\n  nimbractl explorer unregister --clsid " + kSomeClsid,
         kEntryCodes, RunExplorerUnregister);
-    remove->add_option("PATH", which->path, "the sync root's folder; without it, the entry goes");
+    remove->add_option("PATH", which->path, "the sync root's folder; without it, the entry goes")
+        ->type_name("");
     remove->add_option("--clsid", which->clsid, "the entry's class identifier")
         ->required()
+        ->type_name("CLSID")
         ->check(CheckClsid, "");
     remove->add_option("--folder-id", which->folderId, "as it was registered (the entry's own)")
         ->type_name("NUMBER");
@@ -359,7 +366,7 @@ class CommandLine {
         ->type_name("NUMBER");
     command->add_flag("--all", options->all, "also what other software writes");
     command->add_option("--for", options->limit, "end after so many seconds")
-        ->check(CLI::Range(0.0, 1e6))
+        ->check(CLI::Range(0.0, 1e6).description(""))
         ->type_name("SECONDS");
     AddJson(*command, options->json);
   }
