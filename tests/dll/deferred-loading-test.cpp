@@ -174,16 +174,41 @@ TEST_F(DeferredLoadingTest, WhoeverComesSecondGivesItsReferenceBack) {
   EXPECT_EQ(returned.size(), 1u);
 }
 
-TEST_F(DeferredLoadingTest, TheRegistryIsLeftAloneWhereItCannotBeReached) {
-  const auto unregister = NIMBRA_FUNCTION(library_, CORVWinCFSyncEngineUnregisterSystemFolder);
-  constexpr char kNobodysEntry[] = "{00000000-0000-0000-0000-000000000001}";
-  refusal = ERROR_NOT_ENOUGH_MEMORY;
-  EXPECT_EQ(unregister(kNobodysEntry), -1);
-  EXPECT_THAT(log_.Messages(), ElementsAre("reg is not good "));
-  EXPECT_THAT(given, IsEmpty());
-  for (const Load& load : loads) {
-    EXPECT_EQ(load.name, "advapi32.dll");
+TEST_F(DeferredLoadingTest, AFailureDoesNotMatterWhenAnotherThreadHasSucceededMeanwhile) {
+  meanwhile = [this] {
+    EXPECT_TRUE(MakesGuid());
+    refusal = ERROR_NOT_ENOUGH_MEMORY;
+  };
+  EXPECT_TRUE(MakesGuid());
+  EXPECT_EQ(given.size(), 1u);
+  EXPECT_THAT(returned, IsEmpty());
+}
+
+DWORD errorAtCall = 0;
+
+HRESULT WINAPI FailGuid(GUID*) {
+  errorAtCall = GetLastError();
+  return E_FAIL;
+}
+
+FARPROC WINAPI FindFailingGuid(HMODULE module, LPCSTR name) {
+  const FARPROC found = GetProcAddress(module, name);
+  SetLastError(ERROR_INVALID_DATA);
+  if (std::string_view(name) != "CoCreateGuid") {
+    return found;
   }
+  return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FailGuid));
+}
+
+// A function may leave the last error as it was before, and whoever called it reads that then.
+TEST(DeferredErrorTest, TheLastErrorIsTheCallersWhenAFunctionIsCalledForTheFirstTime) {
+  const LoadedLibrary library;
+  const ScopedImportHook lookUp(library.Module(), "GetProcAddress",
+                                reinterpret_cast<void*>(&FindFailingGuid));
+  char* text = nullptr;
+  SetLastError(0x5EED);
+  EXPECT_EQ(NIMBRA_FUNCTION(library, CORVWinCFGenerateGuid)(&text), -1);
+  EXPECT_EQ(errorAtCall, 0x5EEDu);
 }
 
 // A COM that only tells what is registered with it.

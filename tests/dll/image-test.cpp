@@ -45,7 +45,7 @@ TEST_F(ImageTest, ImportsFromTheCoreOfTheSystemOnly) {
   for (const ImportSlot& slot : ImportSlots(library_.Module())) {
     libraries.insert(LowerCase(slot.library));
   }
-  EXPECT_THAT(libraries, testing::ElementsAre("kernel32.dll", "msvcrt.dll"));
+  EXPECT_THAT(libraries, testing::ElementsAre("advapi32.dll", "kernel32.dll", "msvcrt.dll"));
   wchar_t system[MAX_PATH];
   ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH), 0u);
   for (const std::string& library : libraries) {

@@ -341,7 +341,6 @@ const FunctionRow* FindFunction(std::string_view name) {
 
 bool MayBeLoaded(std::string_view library, DWORD folders) {
   static const std::map<std::string_view, DWORD> allowed = {
-      {"advapi32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
       {"cldapi.dll", LOAD_LIBRARY_SEARCH_DEFAULT_DIRS},
       {"gdi32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},
       {"ole32.dll", LOAD_LIBRARY_SEARCH_SYSTEM32},

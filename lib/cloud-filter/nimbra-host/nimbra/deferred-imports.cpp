@@ -1,6 +1,7 @@
 // What the library calls through for functions of those system DLLs that cost a program without
-// windows far more to load than the library itself: advapi32, gdi32, ole32, shell32 and shlwapi,
-// with all that they need. Each is loaded when the first of its functions is called.
+// windows far more to load than the library itself: gdi32, ole32, shell32 and shlwapi, with all
+// that they need. Each is loaded when the first of its functions is called. advapi32 costs little,
+// and is imported as usual: names of users and registry keys are to be had at any time.
 //
 // Compilers call an imported function through a slot named __imp_<function>, which an import
 // library brings along. Defined here, the slots lead to stand-ins, and the image imports nothing of
@@ -11,7 +12,6 @@
 #include <windows.h>
 
 #include <objbase.h>
-#include <sddl.h>
 #include <shlobj.h>
 #include <shlwapi.h>
 
@@ -40,10 +40,6 @@ struct SystemLibrary {
   }
 };
 
-constexpr SystemLibrary<8> kAdvapi32{
-    L"advapi32.dll",
-    {"ConvertSidToStringSidW", "GetUserNameW", "LookupAccountNameW", "RegCloseKey",
-     "RegCreateKeyExW", "RegDeleteTreeW", "RegDeleteValueW", "RegSetValueExW"}};
 constexpr SystemLibrary<2> kGdi32{L"gdi32.dll", {"CreateDIBSection", "DeleteObject"}};
 constexpr SystemLibrary<7> kOle32{
     L"ole32.dll",
@@ -98,11 +94,14 @@ class LoadedFunctions {
     return true;
   }
 
-  // Why the DLL is of no use.
+  // Why the DLL is of no use, unless another thread has had more luck meanwhile.
   static DWORD Forget(HMODULE module) noexcept {
     const DWORD error = GetLastError();
     if (module != nullptr) {
       FreeLibrary(module);
+    }
+    if (areKnown_.load(std::memory_order_acquire)) {
+      return ERROR_SUCCESS;
     }
     return error != ERROR_SUCCESS ? error : ERROR_MOD_NOT_FOUND;
   }
@@ -172,14 +171,6 @@ struct StandIn<Library, Index, Failure, Result(WINAPI*)(Arguments...)> {
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker knows the slots by these names.
 extern "C" {
-NIMBRA_DEFER(kAdvapi32, ConvertSidToStringSidW, Zero<BOOL>);
-NIMBRA_DEFER(kAdvapi32, GetUserNameW, Zero<BOOL>);
-NIMBRA_DEFER(kAdvapi32, LookupAccountNameW, Zero<BOOL>);
-NIMBRA_DEFER(kAdvapi32, RegCloseKey, ErrorNumber<LSTATUS>);
-NIMBRA_DEFER(kAdvapi32, RegCreateKeyExW, ErrorNumber<LSTATUS>);
-NIMBRA_DEFER(kAdvapi32, RegDeleteTreeW, ErrorNumber<LSTATUS>);
-NIMBRA_DEFER(kAdvapi32, RegDeleteValueW, ErrorNumber<LSTATUS>);
-NIMBRA_DEFER(kAdvapi32, RegSetValueExW, ErrorNumber<LSTATUS>);
 NIMBRA_DEFER(kGdi32, CreateDIBSection, Zero<HBITMAP>);
 NIMBRA_DEFER(kGdi32, DeleteObject, Zero<BOOL>);
 NIMBRA_DEFER(kOle32, CoCreateGuid, Hresult);
