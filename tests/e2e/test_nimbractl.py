@@ -594,7 +594,8 @@ class NoPlatform(NimbractlCase):
         program.with_name("cldapi.dll").write_bytes(b"no DLL")
         info = self.run_ctl("info", "--json", program=program, code=3).json
         self.assertEqual(info["cldapi"]["error"], 193)
-        self.assertIn("not usable: 0x800700C1", self.run_ctl("info", program=program, code=3).output)
+        output = self.run_ctl("info", program=program, code=3).output
+        self.assertIn("not usable: 0x800700C1", output)
 
     def test_without_the_filter_it_says_what_to_start(self):
         self.assertEqual(self.daemon.stop(), 0)

@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <array>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -57,36 +56,19 @@ std::string VersionOf(const std::string& file) {
 }
 
 // What the library calls.
-constexpr std::array kFunctions{
-    "CfGetPlatformInfo",
-    "CfRegisterSyncRoot",
-    "CfUnregisterSyncRoot",
-    "CfConnectSyncRoot",
-    "CfDisconnectSyncRoot",
-    "CfGetSyncRootInfoByPath",
-    "CfGetTransferKey",
-    "CfReleaseTransferKey",
-    "CfExecute",
-    "CfReportProviderProgress",
-    "CfCreatePlaceholders",
-    "CfConvertToPlaceholder",
-    "CfUpdatePlaceholder",
-    "CfRevertPlaceholder",
-    "CfHydratePlaceholder",
-    "CfDehydratePlaceholder",
-    "CfSetPinState",
-    "CfSetInSyncState",
-    "CfGetPlaceholderInfo",
-    "CfGetPlaceholderStateFromFindData",
-    "CfReferenceProtectedHandle",
-    "CfGetWin32HandleFromProtectedHandle",
-    "CfReleaseProtectedHandle",
-};
+constexpr char kFunctions[] =
+    "CfGetPlatformInfo CfRegisterSyncRoot CfUnregisterSyncRoot CfConnectSyncRoot "
+    "CfDisconnectSyncRoot CfGetSyncRootInfoByPath CfGetTransferKey CfReleaseTransferKey "
+    "CfExecute CfReportProviderProgress CfCreatePlaceholders CfConvertToPlaceholder "
+    "CfUpdatePlaceholder CfRevertPlaceholder CfHydratePlaceholder CfDehydratePlaceholder "
+    "CfSetPinState CfSetInSyncState CfGetPlaceholderInfo CfGetPlaceholderStateFromFindData "
+    "CfReferenceProtectedHandle CfGetWin32HandleFromProtectedHandle CfReleaseProtectedHandle";
 
 std::vector<std::string> FunctionsMissingIn(HMODULE module) {
   std::vector<std::string> missing;
-  for (const auto* name : kFunctions) {
-    if (GetProcAddress(module, name) == nullptr) missing.emplace_back(name);
+  std::istringstream names(kFunctions);
+  for (std::string name; names >> name;) {
+    if (GetProcAddress(module, name.c_str()) == nullptr) missing.push_back(name);
   }
   return missing;
 }
