@@ -30,7 +30,8 @@
  *     time as any other, with three limits: one placeholder handle is used by one thread at a
  *     time; a delegator's callbacks are set before it is connected and stay as they are; sync roots
  *     of one Explorer entry are registered one after another. No function takes a lock that
- *     another waits for.
+ *     another waits for, but functions load DLLs of the system when they first need them, which
+ *     waits for Windows' loader: none may be called from a DllMain.
  *  8. Diagnostics. Every failure of the platform writes one line to the debugger output
  *     (OutputDebugString) where nothing else is announced; wrong arguments write none. There is
  *     nothing to switch on.
@@ -38,7 +39,8 @@
  *     null. No C++ exception leaves a function, except where its description says so.
  * 10. Calling convention: the one of 64-bit Windows. The library needs cldapi.dll and loads it on
  *     first use from the default DLL directories; without it, or without a function in it, calls
- *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F).
+ *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F). What it needs of the shell, COM
+ *     and drawing it loads on first use from the system's folder.
  */
 
 #include <stddef.h>
