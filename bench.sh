@@ -20,7 +20,7 @@ source "$(dirname -- "${BASH_SOURCE[0]}")/scripts/lib.sh"
 
 # The sync roots are in memory where there is enough of it: a disk's own doings say nothing here.
 readonly MEMORY=/dev/shm
-readonly ENOUGH_KIB=$((10 << 20))
+readonly ENOUGH_KIB=$((6 << 20))
 
 has_room_in_memory() {
   local free

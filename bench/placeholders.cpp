@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <numeric>
@@ -32,9 +31,6 @@ constexpr int kParts = 20;
 // Trees with smaller parts than this are made several times instead.
 constexpr int kLeastPart = 10;
 constexpr int kSmallTrees = 15;
-constexpr int kMediumTree = 1000;
-// For the items of one tree; three of them are made.
-constexpr double kMostNanoseconds = 6e9;
 
 void Require(bool succeeded, const std::string& what) {
   if (!succeeded) {
@@ -189,8 +185,7 @@ double GrowthOf(const Parts& trees) {
   return Median(last) / Median(first);
 }
 
-// Gives the nanoseconds of one item.
-double MeasureCreation(const Settings& settings, int count) {
+void MeasureCreation(const Settings& settings, int count) {
   const bool isSmall = count < kParts * kLeastPart;
   const int parts = isSmall ? count : kParts;
   const int trees = isSmall && !settings.isQuick ? kSmallTrees : 1;
@@ -206,7 +201,6 @@ double MeasureCreation(const Settings& settings, int count) {
               {"platformGrowth", GrowthOf(growth.platform)}};
   row.functions = {"CORVWinCFPlaceholderCreate"};
   Write(row);
-  return row.times.subject;
 }
 
 void WriteQuery(const std::string& name, const Comparison& times) {
@@ -253,19 +247,14 @@ void MeasureQueries(const Settings& settings) {
 }  // namespace
 
 void MeasurePlaceholders(const Settings& settings) {
-  std::vector<int> counts = {10, 1000, 10'000};
+  std::vector<int> counts = {10, 1000, 5000};
   if (settings.isQuick) {
     counts = {10, 100};
   } else if (settings.isLarge) {
     counts.push_back(100'000);
   }
-  double perItem = 0;
-  for (int count : counts) {
-    if (!settings.isLarge && perItem * count > kMostNanoseconds) {
-      // A slow machine makes fewer; the row says how many.
-      count = std::max(kMediumTree, static_cast<int>(kMostNanoseconds / perItem) / 100 * 100);
-    }
-    perItem = MeasureCreation(settings, count);
+  for (const int count : counts) {
+    MeasureCreation(settings, count);
   }
   MeasureQueries(settings);
 }
