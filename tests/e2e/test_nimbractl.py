@@ -6,6 +6,7 @@ import pty
 import re
 import subprocess
 import tempfile
+import unicodedata
 
 from harness.content import write_content
 from harness.nimbractl import NimbractlCase
@@ -424,6 +425,24 @@ class ExplorerEntries(NimbractlCase):
         self.assertEqual(output, f"removed {dos_path(second)} and the entry {clsid}\n")
         self.assertEqual(self.entries(), {})
         self.assertIn("there is no entry", self.failure("explorer", "unregister", "--clsid", clsid))
+
+    def test_columns_stand_below_each_other_whatever_script_the_names_are_in(self):
+        names = ("plain", "中文文件", "emoji 😀", "e\u0301")
+        for number, name in enumerate(names):
+            clsid = f"{{12345678-1234-1234-1234-12345678900{number}}}"
+            self.run_ctl("explorer", "register", self.new_folder(f"in {number}"), "--name", name,
+                         "--clsid", clsid)
+            self.addCleanup(self.run_ctl, "explorer", "unregister", "--clsid", clsid)
+        titles, *rows = self.run_ctl("explorer", "list").output.splitlines()
+        self.assertEqual(len(rows), len(names))
+        for row in rows:
+            start = row[: row.index("305419896")]  # 0x12345678, the folder id
+            cells = sum(
+                0 if unicodedata.combining(character)
+                else 2 if unicodedata.east_asian_width(character) in "WF" else 1
+                for character in start
+            )
+            self.assertEqual(cells, titles.index("folder id"), row)
 
     def test_an_entry_is_removed_whatever_it_shows(self):
         clsid = "{12345678-1234-1234-1234-123456789ABC}"

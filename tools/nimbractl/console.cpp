@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <utility>
 
 #include "basics.h"
@@ -31,11 +32,35 @@ bool WriteToConsole(HANDLE console, const std::wstring& text) {
   return true;
 }
 
-// In code points, which is near enough for the names that appear in columns.
+struct Range {
+  char32_t first, last;
+};
+constexpr Range kWide[]{{0x1100, 0x115F}, {0x2E80, 0xA4CF},   {0xAC00, 0xD7A3},
+                        {0xF900, 0xFAFF}, {0xFE30, 0xFE6F},   {0xFF00, 0xFF60},
+                        {0xFFE0, 0xFFE6}, {0x1F300, 0x1FAFF}, {0x20000, 0x3FFFD}};
+constexpr Range kNarrowest[]{{0x0300, 0x036F}, {0x200B, 0x200F}, {0xFE00, 0xFE0F}};
+
+template <std::size_t kCount>
+bool IsIn(const Range (&ranges)[kCount], char32_t character) {
+  return std::any_of(std::begin(ranges), std::end(ranges), [&](const Range& range) {
+    return range.first <= character && character <= range.last;
+  });
+}
+
+// How many cells a text takes on a screen: near enough for the names that appear in columns.
 std::size_t Width(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
-  }));
+  std::size_t cells = 0;
+  char32_t high = 0;
+  for (const auto unit : Wide(text)) {
+    char32_t character = unit;
+    if (IS_HIGH_SURROGATE(unit)) {
+      high = character;
+      continue;
+    }
+    if (IS_LOW_SURROGATE(unit)) character = 0x10000 + ((high & 0x3FFU) << 10U) + (unit & 0x3FFU);
+    if (!IsIn(kNarrowest, character)) cells += IsIn(kWide, character) ? 2 : 1;
+  }
+  return cells;
 }
 
 bool isOutputLost = false;
