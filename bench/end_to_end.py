@@ -24,7 +24,7 @@ from null_provider import NullProvider
 from report.rows import make_row
 
 MIB = 1 << 20
-BLOCK = 100  # samples that give one 99th of 100
+BLOCK = 100  # samples that give one median, and one 99th of 100
 BLOCKS = 7
 
 # Who, beside whom: the names of the samples below, and of the rows.
@@ -59,9 +59,8 @@ def read_all(paths):
 
 
 def late(samples):
-    """The time that 99 of 100 keep, for each block of samples."""
-    blocks = [samples[start : start + BLOCK] for start in range(0, len(samples), BLOCK)]
-    return [statistics.quantiles(block, n=100)[98] for block in blocks]
+    """The time that 99 of 100 keep."""
+    return statistics.quantiles(samples, n=100)[98]
 
 
 class Measurements(EndToEndCase):
@@ -101,6 +100,7 @@ class Measurements(EndToEndCase):
             start_new_session=True,
         )
         self.addCleanup(self.stop_windows_providers, program)
+        self.windows_providers = program
         said = program.stdout.readline().strip()
         assert said == b"ready", (self.folder / "serving.log").read_text(errors="replace")
 
@@ -177,12 +177,21 @@ class Measurements(EndToEndCase):
             self.add(group, name, *columns, **speeds)
 
     def measure_first_byte(self):
-        self.create(["small"], 64 << 10)
-        samples = self.sample(5 if self.quick else BLOCKS * BLOCK, ["small"], first_byte)
-        self.add_steps("open to first byte, 64 KiB, median", samples)
+        """Each block is from a new process: where the system puts its threads is part of chance."""
+        medians, lates = {}, {}
+        for number in range(1 if self.quick else BLOCKS):
+            if number > 0:
+                self.stop_windows_providers(self.windows_providers)
+                self.start_windows_providers()
+            self.create(["small"], 64 << 10)
+            samples = self.sample(5 if self.quick else BLOCK, ["small"], first_byte)
+            self.remove(["small"])
+            for name, column in samples.items():
+                medians.setdefault(name, []).append(statistics.median(column))
+                lates.setdefault(name, []).append(late(column))
+        self.add_steps("open to first byte, 64 KiB, median", medians)
         if not self.quick:
-            blocks = {name: late(column) for name, column in samples.items()}
-            self.add_steps("open to first byte, 64 KiB, 99 of 100", blocks)
+            self.add_steps("open to first byte, 64 KiB, 99 of 100", lates)
 
     def measure_large_file(self):
         mib = 4 if self.quick else 1024
