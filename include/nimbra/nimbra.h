@@ -39,8 +39,8 @@
  *     null. No C++ exception leaves a function, except where its description says so.
  * 10. Calling convention: the one of 64-bit Windows. The library needs cldapi.dll and loads it on
  *     first use from the default DLL directories; without it, or without a function in it, calls
- *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F). What it needs of the shell, COM
- *     and drawing it loads on first use from the system's folder.
+ *     fail with the Win32 error as HRESULT (0x8007007E, 0x8007007F). What it needs of the shell,
+ *     COM and drawing it loads on first use from the system's folder.
  */
 
 #include <stddef.h>
