@@ -2,8 +2,13 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <list>
+#include <system_error>
+#include <thread>
 
 #include "stale-mount.h"
 
@@ -16,12 +21,39 @@ bool LiesUnder(const std::string& path, const std::string& root) {
   return path == root || (path.starts_with(root) && path[root.size()] == '/');
 }
 
-// The path with the links of its folder resolved; the last component may be a link, or not exist.
-std::string Canonical(const std::string& path) {
-  std::error_code error;
+// The path with the links on the way to a sync root resolved, or those of its folder where it leads
+// to none; empty where it leads nowhere. Nothing at or below a root is asked for: that question
+// would come to this very process, whose lock the caller holds.
+template <class IsRoot>
+std::string Resolved(const std::string& path, const IsRoot& isRoot) {
+  constexpr int kMostLinks = 40;
   const std::filesystem::path given(path);
-  const auto folder = std::filesystem::canonical(given.parent_path(), error);
-  return error ? std::string() : (folder / given.filename()).string();
+  std::list<std::filesystem::path> rest(given.begin(), given.end());
+  std::filesystem::path done("/");
+  for (int links = 0; !rest.empty();) {
+    const auto name = rest.front();
+    rest.pop_front();
+    if (name == "/" || name == "." || name.empty()) continue;
+    if (name == "..") {
+      done = done.parent_path();
+      continue;
+    }
+    auto next = done / name;
+    if (isRoot(next.string()) || rest.empty()) {
+      for (const auto& below : rest) next /= below;
+      return next.lexically_normal().string();
+    }
+    std::error_code error;
+    const auto target = std::filesystem::read_symlink(next, error);
+    if (error == std::errc::invalid_argument) {
+      done = std::move(next);
+      continue;
+    }
+    if (error || ++links > kMostLinks) return {};
+    if (target.is_absolute()) done = "/";
+    rest.insert(rest.begin(), target.begin(), target.end());
+  }
+  return done.string();
 }
 
 std::string WithoutTrailingSlashes(std::string path) {
@@ -121,7 +153,10 @@ RootPtr Core::RootOf(Guard&, const std::string& path, std::string& relative) {
   };
   const auto plain = WithoutTrailingSlashes(path);
   if (auto root = find(plain)) return root;
-  return find(Canonical(plain));
+  return find(Resolved(plain, [this](const std::string& folder) {
+    return std::any_of(roots.begin(), roots.end(),
+                       [&](const auto& entry) { return entry.second->record.path == folder; });
+  }));
 }
 
 Hresult Core::Locate(Guard& guard, const wire::ItemRef& ref, Located& located) {
@@ -175,10 +210,13 @@ void Core::Mount(const RootPtr& root) {
 }
 
 void Core::Unmount(const RootPtr& root) {
-  // Declared before the guard, so that the mount goes when the lock is free.
   std::shared_ptr<FrontEnd> dropped;
-  Guard guard(*this);
-  dropped = std::move(root->frontEnd);
+  {
+    Guard guard(*this);
+    dropped = std::move(root->frontEnd);
+  }
+  // Whoever is just telling the kernel something holds it too; the mount must be gone on return.
+  while (dropped.use_count() > 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void Core::Invalidate(const ItemPtr& item) {

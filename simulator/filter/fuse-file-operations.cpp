@@ -1,6 +1,8 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -31,14 +33,24 @@ void WhenWritable(fuse_req_t request, const ItemPtr& item, Next next) {
 }
 
 void SendData(fuse_req_t request, const OpenFile& file, std::size_t size, off_t offset) {
+  struct stat facts {};
+  if (fstat(file.fd.Get(), &facts) != 0) return ReplyError(request, errno);
+  if (facts.st_size <= offset) {
+    fuse_reply_buf(request, nullptr, 0);
+    return;
+  }
   fuse_bufvec data{};
   data.count = 1;
-  data.buf[0].size = size;
+  // No more than is there: the FUSE library corrects its answer when there is less, but may have
+  // given the kernel the wrong one already.
+  data.buf[0].size = std::min(size, static_cast<std::size_t>(facts.st_size - offset));
   data.buf[0].flags =
       static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK | FUSE_BUF_FD_RETRY);
   data.buf[0].fd = file.fd.Get();
   data.buf[0].pos = offset;
-  fuse_reply_data(request, &data, FUSE_BUF_SPLICE_MOVE);
+  // The FUSE library keeps a pipe for each thread that answers so, and frees those of its workers.
+  fuse_reply_data(request, &data,
+                  FuseMount::IsWorker() ? FUSE_BUF_SPLICE_MOVE : FUSE_BUF_NO_SPLICE);
 }
 
 void ReadWhenPresent(fuse_req_t request, OpenFile& file, std::size_t size, off_t offset) {

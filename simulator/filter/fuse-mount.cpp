@@ -19,6 +19,8 @@ constexpr int kWorkers = 4;
 // wait for the very provider that asked for this.
 constexpr std::chrono::milliseconds kInvalidationPatience{500};
 
+thread_local bool isWorker = false;
+
 bool Add(int epoll, int fd, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
@@ -92,7 +94,10 @@ bool FuseMount::Mount(std::string& error) {
   return true;
 }
 
+bool FuseMount::IsWorker() { return isWorker; }
+
 void FuseMount::Work(int requests) {
+  isWorker = true;
   fuse_buf buffer{};
   while (!fuse_session_exited(session_)) {
     epoll_event event{};

@@ -39,6 +39,9 @@ class FuseMount : public FrontEnd {
   [[nodiscard]] const Root& TheRoot() const { return *root_; }
   Node& NodeOf(fuse_ino_t id);
 
+  // Whether the calling thread is one of those that take the kernel's requests.
+  static bool IsWorker();
+
   // What programs have open. What still is when the mount goes is never closed by the kernel, so it
   // belongs to the mount. The handle is the object's address.
   std::uint64_t Keep(std::shared_ptr<void> opened);

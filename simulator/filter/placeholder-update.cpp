@@ -81,9 +81,11 @@ Hresult PlaceholderService::UpdateItem(const wire::ItemRef& ref, const Update& u
       return hr::kInUse;
     }
   }
-  if (const auto result = ApplyUpdate(located.item, update, ranges)) return result;
-  if (resizes || !ranges.empty()) core_.Invalidate(located.item);
+  const auto applied = ApplyUpdate(located.item, update, ranges);
+  // Also where only a part of it was done.
   if (located.facts.IsDirectory()) core_.FolderChanged(located.root, located.facts.inode);
+  if (applied != hr::kOk) return applied;
+  if (resizes || !ranges.empty()) core_.Invalidate(located.item);
   Guard guard(core_);
   usn = located.item->record.usn;
   return hr::kOk;
