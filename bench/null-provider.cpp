@@ -252,7 +252,8 @@ void Serve(const std::filesystem::path& endpoint) {
   Commands commands(endpoint);
   for (std::string line; std::getline(std::cin, line);) {
     try {
-      std::cout << "ok" << commands.Run(WordsOf(line)) << std::endl;
+      const auto answer = commands.Run(WordsOf(line));
+      std::cout << "ok" << answer << std::endl;
     } catch (const std::exception& failure) {
       std::cout << "failed\t" << failure.what() << std::endl;
     }

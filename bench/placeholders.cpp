@@ -247,7 +247,7 @@ void MeasureQueries(const Settings& settings) {
 }  // namespace
 
 void MeasurePlaceholders(const Settings& settings) {
-  std::vector<int> counts = {10, 1000, 5000};
+  std::vector<int> counts = {10, 1000, 3000};
   if (settings.isQuick) {
     counts = {10, 100};
   } else if (settings.isLarge) {

@@ -137,7 +137,7 @@ void MeasureRegistration(const Settings& settings) {
   const NullCloud cloud;
   const nimbra_test::SyncRoot root;
   const BareRootDescription bare;
-  const Effort effort = settings.Long(15, 32);
+  const Effort effort = settings.Long(15, 16);
   const auto registerRoot = [&root](auto operation) {
     Require(operation(root.Get(), "bench") == S_OK, "registering a sync root");
   };
@@ -244,7 +244,7 @@ void MeasureSearch(const Settings& settings) {
     MakeShortcuts(folder.Path(), made, count);
     made = count;
     const Effort effort = count > 100 ? settings.Long(RoundsWithin(perShortcut * count))
-                                      : settings.Long(5, count > 10 ? 3 : 12);
+                                      : settings.Long(5, count > 10 ? 1 : 10);
     const Comparison times =
         Compare(effort, Undisturbed([&] { BareFindShortcut(folder.Path(), L"C:\\no such root"); }),
                 Undisturbed([&] { composer.RemoveShortcut("C:\\no such root"); }));
@@ -288,7 +288,7 @@ void MeasureThumbnails(const Settings& settings) {
     });
     imagePath = Wide(folder.WriteFile("image.png", nimbra_test::PngFileWithAlpha(picture)));
     const std::vector<Comparison> times =
-        Compare(settings.Long(15, side > 256 ? 4 : 32),
+        Compare(settings.Long(15, side > 256 ? 4 : 16),
                 Undisturbed([&] { DeleteObject(BareThumbnail(item.Get(), imagePath)); }),
                 {Undisturbed([&] { MakeThumbnail(item.Get()); }),
                  Undisturbed([] { DeleteObject(BareDecode(imagePath)); })});
