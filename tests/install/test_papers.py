@@ -82,7 +82,7 @@ class Papers(unittest.TestCase):
     def test_the_sbom_has_what_the_site_is_made_with(self):
         theme = self.components["mkdocs-material"]
         shown = package.run("dpkg-query", "-W", "-f=${Version}", "mkdocs-material")
-        self.assertIn(f"@{shown}?", theme["purl"])
+        self.assertIn(f"@{shown.replace('+', '%2B')}?", theme["purl"])
         self.assertEqual(theme["licenses"], [{"expression": "MIT"}])
         self.assertIn({"name": "taken into", "value": "share/doc/nimbra/html"}, theme["properties"])
 

@@ -43,7 +43,9 @@ class Site(unittest.TestCase):
     def test_built_again_elsewhere_it_has_the_same_bytes(self):
         folder = package.new_folder()
         changes = {"TZ": "Asia/Tokyo", "LC_ALL": "C", "HOME": str(folder)}
-        package.run(TOOLS / "build_site.py", folder / "pages", folder / "site", env=changes)
+        options = ("--mkdocs", package.cached("NIMBRA_MKDOCS"))
+        places = (folder / "pages", folder / "site")
+        package.run(TOOLS / "build_site.py", *options, *places, env=changes)
         names = package.files_of(folder / "site")
         self.assertEqual(names, package.files_of(package.installed() / SITE))
         for name in names:
@@ -67,7 +69,7 @@ class WithoutTools(unittest.TestCase):
             "include(CPack)\n",
             encoding="utf-8",
         )
-        configured = package.run("cmake", "-S", source, "-B", source / "b", *settings)
+        configured = package.run("cmake", "-G", "Ninja", "-S", source, "-B", source / "b", *settings)
         packed = package.run("cpack", cwd=source / "b")
         self.assertEqual(len(list((source / "b").glob("*.zip"))), 1)
         return configured, re.sub(r"\s+", " ", packed)
