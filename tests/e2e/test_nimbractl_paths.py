@@ -88,6 +88,25 @@ class Links(NimbractlCase):
 class Paths(NimbractlCase):
     needs_provider = True
 
+    def test_a_folder_that_cannot_be_listed_fails_by_name_and_all_others_are_done(self):
+        root = self.new_root()
+        for name in ("a", "a/inner", "b"):
+            root.create_folder(name)
+        for name in ("a/inner/z.txt", "a/y.txt", "b/x.txt"):
+            root.create(name, 5000)
+        odd = "a/inner/no|name"  # Windows finds it, but nothing by such a name
+        (root.path / odd).mkdir()
+        answer = self.run_ctl("state", "-r", "--json", root.path, code=1)
+        found = {item["path"]: item for item in answer.json}
+        for name in ("a/inner/z.txt", "a/y.txt", "b/x.txt"):
+            self.assertTrue(found[dos_path(root.path / name)]["placeholder"], name)
+        failed = {item["path"] for item in answer.json if "error" in item}
+        self.assertEqual(failed, {dos_path(root.path / odd)})
+        self.assertIn(f"{dos_path(root.path / odd)} cannot be listed: ", answer.errors)
+        self.run_ctl("hydrate", "-r", root.path, code=1)
+        for name in ("a/inner/z.txt", "a/y.txt", "b/x.txt"):
+            self.assert_hydrated(root, name, 5000)
+
     def test_paths_of_more_than_260_characters_work_with_every_command(self):
         root = self.new_root()
         folder = ""
@@ -304,14 +323,22 @@ class Outputs(NimbractlCase):
         root = self.new_root()
         root.create("a.bin", 5000)
         for arguments in (("hydrate", dos_path(root.path / "a.bin")), ("info",)):
-            with open("/dev/full", "wb") as full:
-                process = self.start(*arguments, stdout=full, stderr=subprocess.PIPE)
-                _, errors = process.communicate(timeout=30)
-            self.assertEqual(process.returncode, 1)
-            self.assertIn(b"not all of the output could be written", errors)
+            self.assert_output_is_lost("/dev/full", *arguments)
         self.assert_hydrated(root, "a.bin", 5000)
 
-    def test_a_table_s_columns_stand_below_their_titles_on_a_terminal_too(self):
+    def assert_output_is_lost(self, output, *arguments):
+        with open(output, "wb") as stream:
+            process = self.start(*arguments, stdout=stream, stderr=subprocess.PIPE)
+            _, errors = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, 1)
+        self.assertIn(b"not all of the output could be written", errors)
+
+    def test_output_that_is_refused_for_a_reason_that_the_runtime_has_no_word_for_fails(self):
+        # What is written there must be a number, or that gives the error that the runtime has for
+        # all that it does not know.
+        self.assert_output_is_lost("/proc/self/oom_score_adj", "info")
+
+    def test_a_table_s_columns_stand_below_their_titles(self):
         root = self.new_root()
         root.create("größe.txt", 5000)
         answer = self.run_ctl("state", "-r", root.path)

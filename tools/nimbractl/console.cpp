@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <iterator>
 #include <utility>
@@ -63,6 +62,17 @@ std::size_t Width(const std::string& text) {
   return cells;
 }
 
+// Whether the reader has gone, or there never was one. What errno has of a failed write does not
+// tell: it is the same for whatever the runtime has no word for.
+bool IsUnread(Stream stream) {
+  const HANDLE handle = HandleOf(stream);
+  if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return true;
+  SetLastError(ERROR_SUCCESS);
+  const DWORD type = GetFileType(handle);
+  return type == FILE_TYPE_PIPE ||
+         (type == FILE_TYPE_UNKNOWN && GetLastError() == ERROR_INVALID_HANDLE);
+}
+
 bool isOutputLost = false;
 
 }  // namespace
@@ -73,9 +83,7 @@ bool Write(Stream stream, const std::string& text) {
   if (std::fwrite(text.data(), 1, text.size(), file) == text.size() && std::fflush(file) == 0) {
     return true;
   }
-  // The reader has gone, or there never was one.
-  const bool isUnread = errno == EPIPE || errno == EINVAL || errno == EBADF;
-  isOutputLost = isOutputLost || (stream == Stream::kOutput && !isUnread);
+  isOutputLost = isOutputLost || (stream == Stream::kOutput && !IsUnread(stream));
   return false;
 }
 

@@ -131,7 +131,8 @@ class Walk {
     }
     Guard(item.Name(), [&] { work_(item) == Outcome::kDone ? ++tally_.done : ++tally_.skipped; });
     if (!recursive_ || !item.isFolder) return;
-    List(item.path, L"*", [&](const Item& child) { Visit(child); });
+    // Here, so that one that cannot be listed does not end those above it.
+    Guard(item.Name(), [&] { List(item.path, L"*", [&](const Item& child) { Visit(child); }); });
   }
 
   template <class Function>
