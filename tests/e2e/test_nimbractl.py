@@ -343,28 +343,42 @@ class Roots(NimbractlCase):
         file.write_text("x")
         self.assertIn("is a file", self.failure("register", file, "--session", 1))
 
-    def test_the_shell_s_entry_without_a_folder_or_a_platform_is_seen_as_such(self):
-        gone, forgotten = self.new_folder("gone"), self.new_folder("forgotten")
-        for number, folder in enumerate((gone, forgotten), 81):
-            self.run_ctl("register", folder, "--session", number)
+    def add_to_shell(self, name, user, path):
         key = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Explorer\SyncRootManager"
-        user = self.entries()[dos_path(gone)]["user"]
-        self.run_ctl("unregister", gone)
-        foreign = rf"{key}\Other!{user}!id"
-        for value, data in ((dos_path(gone), "gone"), (dos_path(forgotten), "forgotten")):
-            name = rf"{foreign} {data}\UserSyncRoots"
-            command = ["add", name, "/v", user, "/t", "REG_SZ", "/d", value, "/f"]
-            self.assertEqual(self.prefix.run("reg", *command).returncode, 0)
-        gone.rmdir()
-        roots = {(root["provider"], root["path"]): root for root in
-                 self.run_ctl("roots", "--json").json}
-        self.assertFalse(roots["Other", dos_path(gone)]["folderExists"])
-        self.assertFalse(roots["Other", dos_path(forgotten)]["knownToPlatform"])
-        self.assertTrue(roots["CorvaneDrive", dos_path(forgotten)]["knownToPlatform"])
+        self.addCleanup(self.prefix.run, "reg", "delete", rf"{key}\{name}", "/f")
+        command = ["add", rf"{key}\{name}\UserSyncRoots", "/v", user, "/t", "REG_SZ", "/d",
+                   dos_path(path), "/f"]
+        self.assertEqual(self.prefix.run("reg", *command).returncode, 0)
+
+    def test_the_shell_s_entry_without_a_folder_or_a_platform_is_seen_as_such(self):
+        root, forgotten = self.new_folder("in the shell"), self.new_folder("forgotten")
+        gone = self.folder / "gone"
+        unreachable = self.folder / "no|name"  # as one that only its own user may look at
+        self.run_ctl("register", root, "--session", 81)
+        self.addCleanup(self.run_ctl, "unregister", root)
+        user = self.entries()[dos_path(root)]["user"]
+        expected = {
+            ("Other", "gone"): ("folder missing", gone, False, False),
+            ("Other", "forgotten"): ("shell only", forgotten, True, False),
+            ("Other", "unreachable"): ("not known", unreachable, None, None),
+            ("Other", "formed its own way"): ("ready", root, True, True),
+            ("CorvaneDrive", f"{PREFIX}82"): ("shell only", root, True, False),
+        }
+        for (provider, identity), (_, path, *_) in expected.items():
+            self.add_to_shell(f"{provider}!{user}!{identity}", user, path)
+        expected["CorvaneDrive", f"{PREFIX}81"] = ("ready", root, True, True)
+        told = {(one["provider"], one["identity"]):
+                (one["path"], one["folderExists"], one["knownToPlatform"])
+                for one in self.run_ctl("roots", "--json").json}
         output = self.run_ctl("roots").output
-        self.assertRegex(output, rf"folder missing +Other .*{re.escape(dos_path(gone))}\n")
-        self.assertRegex(output, rf"shell only +Other .*{re.escape(dos_path(forgotten))}\n")
-        self.run_ctl("unregister", forgotten)
+        self.assertEqual(set(told), set(expected))
+        for (provider, identity), (state, path, *facts) in expected.items():
+            with self.subTest(provider=provider, identity=identity):
+                self.assertEqual(told[provider, identity], (dos_path(path), *facts))
+                self.assertRegex(
+                    output, rf"(?m)^{state} +{provider} .*{re.escape(identity)} +"
+                            rf"{re.escape(dos_path(path))}$"
+                )
 
     def test_unregistering_loses_no_file_unless_that_is_allowed(self):
         root = self.new_root()
@@ -526,6 +540,7 @@ class NoPlatform(NimbractlCase):
     def test_a_client_in_compatibility_mode_is_told_from_one_without_a_manifest(self):
         program = self.bin / "mirror.exe"
         key = r"HKCU\Software\Microsoft\Windows NT\CurrentVersion\AppCompatFlags\Layers"
+        self.addCleanup(self.prefix.run, "reg", "delete", key, "/v", dos_path(program), "/f")
         for layers, state in (("~ HIGHDPIAWARE", "open"), ("~ WIN7RTM", "compatibility-mode")):
             added = self.prefix.run("reg", "add", key, "/v", dos_path(program), "/d", layers, "/f")
             self.assertEqual(added.returncode, 0)
@@ -535,8 +550,6 @@ class NoPlatform(NimbractlCase):
         self.assertEqual(told["compatibilityMode"], "WIN7RTM")
         output = self.run_ctl("info", "--program", program, code=3).output
         self.assertRegex(output, r"its gate +CLOSED: the program runs in compatibility mode")
-        removed = self.prefix.run("reg", "delete", key, "/v", dos_path(program), "/f")
-        self.assertEqual(removed.returncode, 0)
 
     def test_a_manifest_beside_a_program_that_has_none_counts_without_its_comments(self):
         program = self.folder / "client.exe"

@@ -2,14 +2,17 @@
 
 #include <windows.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "commands.h"
 #include "console.h"
 #include "items.h"
 #include "json.h"
+#include "library-log.h"
 #include "platform.h"
 #include "registry.h"
 
@@ -18,15 +21,16 @@ namespace {
 
 constexpr wchar_t kSyncRootManager[] =
     LR"(SOFTWARE\Microsoft\Windows\CurrentVersion\Explorer\SyncRootManager)";
+constexpr std::string_view kProvider = "CorvaneDrive";  // the library's clients
 
 // A key of the shell's is named "<provider>!<user's SID>!<the sync root's identity>".
 struct Root {
   std::string key;
   std::string provider, user, identity;
   std::string displayName;
-  std::string path;  // empty when the user has none in this key
-  bool folderExists = false;
-  std::optional<bool> isKnownToPlatform;  // nothing when the platform cannot be asked
+  std::string path;                       // empty when the user has none in this key
+  std::optional<bool> folderExists;       // nothing when Windows does not tell
+  std::optional<bool> isKnownToPlatform;  // nothing when the platform does not tell
 };
 
 Root ParseKey(const std::string& key) {
@@ -42,12 +46,36 @@ Root ParseKey(const std::string& key) {
   return root;
 }
 
+// What is no more, and not what this user may not see or what cannot be reached: people remove the
+// registrations of folders that are gone.
+std::optional<bool> FolderExists(const std::wstring& path) {
+  if (GetFileAttributesW(ForWindows(path).c_str()) != INVALID_FILE_ATTRIBUTES) return true;
+  const DWORD error = GetLastError();
+  const bool isGone = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+  return isGone ? std::optional(false) : std::nullopt;
+}
+
+std::optional<bool> IsKnownToPlatform(const std::wstring& path, const Root& root) {
+  LibraryLogCapture log;
+  if (const auto identity = SyncRootIdentity(path)) {
+    // How other providers form what stands in the key is not known.
+    return root.provider != kProvider || *identity == root.identity;
+  }
+  switch (static_cast<std::uint32_t>(log.Result().value_or(0))) {
+    case 0x80070178:  // ERROR_NOT_A_CLOUD_FILE
+    case 0x80070186:  // ERROR_CLOUD_FILE_NOT_UNDER_SYNC_ROOT
+    case 0x80070195:  // ERROR_NOT_A_CLOUD_SYNC_ROOT
+      return false;
+    default:
+      return std::nullopt;
+  }
+}
+
 void AskAboutFolder(Root& root, bool canAsk) {
   const auto path = Wide(root.path);
-  root.folderExists = !path.empty() && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+  root.folderExists = path.empty() ? false : FolderExists(path);
   if (canAsk) {
-    const auto identity = path.empty() ? std::nullopt : SyncRootIdentity(path);
-    root.isKnownToPlatform = identity.has_value() && *identity == root.identity;
+    root.isKnownToPlatform = root.folderExists == false ? false : IsKnownToPlatform(path, root);
   }
 }
 
@@ -73,7 +101,7 @@ std::vector<Root> FindRoots(bool canAsk) {
 // What a person has to know about it in one word.
 std::string Status(const Root& root) {
   if (root.path.empty()) return "no folder";
-  if (!root.folderExists) return "folder missing";
+  if (root.folderExists == false) return "folder missing";
   if (!root.isKnownToPlatform) return "not known";
   return *root.isKnownToPlatform ? "ready" : "shell only";
 }
@@ -95,7 +123,7 @@ void PrintJson(const std::vector<Root>& roots) {
                     {"user", root.user},
                     {"identity", root.identity},
                     {"displayName", root.displayName},
-                    {"folderExists", root.folderExists},
+                    {"folderExists", OrNull(root.folderExists)},
                     {"knownToPlatform", OrNull(root.isKnownToPlatform)},
                     {"key", root.key}});
   }
