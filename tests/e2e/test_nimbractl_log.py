@@ -157,12 +157,20 @@ class Listeners(DebugOutputCase):
             self.speak(self.LINE + "to nobody")
 
     def test_one_that_ends_amid_many_lines_leaves_nobody_waiting(self):
+        lines = [self.LINE + "one of many"] * 200
         for end in ("ctrl-c", "time"):
+            speakers = [self.start_speaker("-", *lines) for _ in range(4)]
+            for speaker in speakers:
+                speaker.stdout.readline()  # it has started
             log = Listener(self, *([] if end == "ctrl-c" else ["--for", "1"]))
+            if end == "time":
+                time.sleep(0.7)  # they need longer for all their lines than what is left
             start = time.monotonic()
-            speakers = [self.start_speaker(*[self.LINE + "one of many"] * 200) for _ in range(4)]
-            wait_until(lambda: len(log.lines) > 20, what="the first lines")
+            for speaker in speakers:
+                speaker.stdin.write(b"\n")
+                speaker.stdin.flush()
             if end == "ctrl-c":
+                wait_until(lambda: len(log.lines) > 20, what="the first lines")
                 log.process.send_signal(signal.SIGINT)
             self.assertEqual(log.finish(), 0)
             for speaker in speakers:
@@ -175,6 +183,7 @@ class Listeners(DebugOutputCase):
         self.shows(dying, "first")
         dying.process.send_signal(signal.SIGSTOP)
         speaker = self.start_speaker(*(self.LINE + str(number) for number in range(10)))
+        speaker.stdout.readline()  # it has started
         time.sleep(0.3)
         start = time.monotonic()
         self.assertIsNone(speaker.poll(), "it does not wait")
@@ -288,6 +297,8 @@ class Listeners(DebugOutputCase):
     def test_an_id_that_another_program_has_got_meanwhile_names_neither(self):
         log = Listener(self)
         log.process.send_signal(signal.SIGSTOP)
+        # The wait for a line that is under way ends without one, unseen until the process goes on.
+        time.sleep(0.6)
         pid = self.speak(self.LINE + "old")
         reuser = self.reuse(pid, "-", self.LINE + "new")
         time.sleep(1)  # held up for longer than a program needs to start and to write

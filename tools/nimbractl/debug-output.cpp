@@ -69,12 +69,13 @@ DebugOutput::DebugOutput() {
 }
 
 DebugOutput::~DebugOutput() {
-  constexpr ULONGLONG kLongest = 5000;
+  constexpr ULONGLONG kLongest = 5000, kLongestBesideAnother = 500;
   // A writer that is at it still has the buffer, and so the next one may find it: nobody takes the
-  // lines any more, but nobody waits for that either.
+  // lines any more, but nobody waits for that either. A listener that hangs never lets go of it.
   view_.reset();
   mapping_ = UniqueKernelObject();
-  for (const auto end = GetTickCount64() + kLongest; BufferExists() && GetTickCount64() < end;) {
+  const auto longest = wasLeftBehind_ ? kLongestBesideAnother : kLongest;
+  for (const auto end = GetTickCount64() + longest; BufferExists() && GetTickCount64() < end;) {
     if (WaitForSingleObject(isFilled_.get(), kPause) == WAIT_OBJECT_0) SetEvent(isFree_.get());
   }
 }
@@ -100,6 +101,7 @@ bool DebugOutput::Create() {
   if (make(mapping_, makeBuffer) && makeEvent(isFree_, kIsFree) &&
       makeEvent(isFilled_, kIsFilled)) {
     view_.reset(MapViewOfFile(mapping_.get(), FILE_MAP_READ, 0, 0, sizeof(Record)));
+    wasEmpty_ = CurrentMoment();
     if (view_) return SetEvent(isFree_.get()) != FALSE;
     throw Failure("the debugger output cannot be read: " + ErrorText(GetLastError()), "try again");
   }
@@ -129,22 +131,27 @@ bool DebugOutput::IsServed() {
   return true;
 }
 
-// The last line may lie there still; it is for this reader then.
+// The last line may lie there still, for nobody knows how long; it is for this reader then.
 void DebugOutput::TakeOver() {
   wasLeftBehind_ = true;
   const bool isFilled = WaitForSingleObject(isFilled_.get(), 0) == WAIT_OBJECT_0;
+  wasEmpty_ = isFilled ? 0 : CurrentMoment();
   SetEvent(isFilled ? isFilled_.get() : isFree_.get());
 }
 
 std::optional<DebugOutput::Line> DebugOutput::Next(HANDLE stop, DWORD milliseconds) {
   const HANDLE events[]{stop, isFilled_.get()};
-  if (WaitForMultipleObjects(2, events, FALSE, milliseconds) != WAIT_OBJECT_0 + 1) {
-    return std::nullopt;
-  }
+  const auto start = CurrentMoment();
+  const auto waited = WaitForMultipleObjects(2, events, FALSE, milliseconds);
+  // Not the end of the wait: a process that is held up takes long to come back from it.
+  if (waited == WAIT_TIMEOUT) wasEmpty_ = start;
+  if (waited != WAIT_OBJECT_0 + 1) return std::nullopt;
+  const Span written{wasEmpty_, CurrentMoment()};
+  wasEmpty_ = written.latest;
   const auto record = std::make_unique<Record>();
   std::memcpy(record.get(), view_.get(), sizeof(Record));
   SetEvent(isFree_.get());
-  return Line{record->processId,
+  return Line{record->processId, written,
               ToUtf8({record->text, strnlen(record->text, sizeof record->text)})};
 }
 

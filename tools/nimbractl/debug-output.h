@@ -3,10 +3,10 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <optional>
 #include <string>
 
+#include "moment.h"
 #include "owners.h"
 
 namespace nimbractl {
@@ -28,6 +28,7 @@ class DebugOutput {
 
   struct Line {
     DWORD processId = 0;
+    Span written;
     std::string text;  // UTF-8, line break included
   };
   // The next one; nothing after so many milliseconds, or when `stop` is signalled.
@@ -49,6 +50,7 @@ class DebugOutput {
   UniqueKernelObject mapping_, isFree_, isFilled_;
   UniqueView view_;
   bool wasLeftBehind_ = false;
+  Moment wasEmpty_ = 0;  // the last that is known of at which there was no line
 };
 
 }  // namespace nimbractl

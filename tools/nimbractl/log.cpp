@@ -20,6 +20,7 @@
 #include "debug-output.h"
 #include "json.h"
 #include "library-log.h"
+#include "moment.h"
 #include "owners.h"
 #include "process-names.h"
 
@@ -160,9 +161,8 @@ class Intake {
 
   void Run(std::unique_ptr<DebugOutput> output) {
     while (const auto left = TimeLeft()) {
-      const auto before = CurrentMoment();
       if (const auto line = output->Next(stop_, *left)) {
-        Keep(*line, {before, CurrentMoment()});
+        Keep(*line);
       } else if (WaitForSingleObject(stop_, 0) == WAIT_OBJECT_0) {
         break;
       }
@@ -173,7 +173,7 @@ class Intake {
     changed_.notify_all();
   }
 
-  void Keep(const DebugOutput::Line& line, const ProcessNames::Written& written) {
+  void Keep(const DebugOutput::Line& line) {
     constexpr std::size_t kMost = 100'000;
     const auto& wanted = options_.processIds;
     if (!wanted.empty() &&
@@ -182,7 +182,7 @@ class Intake {
     }
     auto parsed = ParseLibraryLine(line.text);
     if (!parsed && !options_.all) return;
-    Entry entry{Now(), line.processId, names_.ProgramOf(line.processId, written), line.text,
+    Entry entry{Now(), line.processId, names_.ProgramOf(line.processId, line.written), line.text,
                 std::move(parsed)};
     const std::lock_guard lock(mutex_);
     if (entries_.size() < kMost) {

@@ -27,17 +27,7 @@ Moment StartOf(HANDLE process) {
 
 }  // namespace
 
-Moment ToMoment(const FILETIME& time) {
-  return static_cast<std::int64_t>(time.dwHighDateTime) << 32U | time.dwLowDateTime;
-}
-
-Moment CurrentMoment() {
-  FILETIME now{};
-  GetSystemTimeAsFileTime(&now);
-  return ToMoment(now);
-}
-
-ProcessNames::Program ProcessNames::ProgramOf(DWORD processId, const Written& written) {
+ProcessNames::Program ProcessNames::ProgramOf(DWORD processId, const Span& written) {
   constexpr Moment kSecond = 10'000'000;
   const auto* found = Find(processId);
   if (found == nullptr) {

@@ -3,36 +3,26 @@
 
 #include <windows.h>
 
-#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 
+#include "moment.h"
 #include "owners.h"
 
 namespace nimbractl {
-
-// In units of 100 ns since 1601, UTC.
-using Moment = std::int64_t;
-[[nodiscard]] Moment ToMoment(const FILETIME& time);
-[[nodiscard]] Moment CurrentMoment();
 
 // The programs of processes. Windows gives the id of a process that has ended to another one, but
 // not while a handle to the first is open.
 class ProcessNames {
  public:
-  // A line was written at some moment between these two.
-  struct Written {
-    Moment earliest = 0;
-    Moment latest = 0;
-  };
-  // The program that the process with this id ran when it wrote, or why that cannot be told.
+  // The program that a process ran when it wrote, or why that cannot be told.
   struct Program {
     std::optional<std::string> name;
     std::string reason;
     [[nodiscard]] std::string Text() const { return name.value_or(reason); }
   };
-  Program ProgramOf(DWORD processId, const Written& written);
+  Program ProgramOf(DWORD processId, const Span& written);
 
  private:
   struct Known {
