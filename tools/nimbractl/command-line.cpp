@@ -36,7 +36,8 @@ constexpr char kRootCodes[] =
 constexpr char kEntryCodes[] =
     "Exit codes: 0 it went well, 1 it failed, 2 wrong arguments, 3 the gate is closed (nimbractl\n"
     "info tells why).";
-constexpr char kListCodes[] = "Exit codes: 0 it went well, 2 wrong arguments.";
+constexpr char kListCodes[] =
+    "Exit codes: 0 it went well, 1 not all of the output could be written, 2 wrong arguments.";
 
 // For examples.
 constexpr char kSomeClsid[] = "{96192FD0-AD1A-4677-B4FF-D6C144466725}";
@@ -253,7 +254,8 @@ class CommandLine {
     auto [roots, json] = Add<bool>(
         app_, "roots", "list the sync roots of this machine",
         "They are those that the shell knows. The state is 'ready' for those that the platform\n"
-        "knows too, and 'shell only' for those that it does not.\n\n"
+        "knows too, 'shell only' for those that it does not, and 'not known' where that cannot be\n"
+        "told, such as of another user's folder.\n\n"
         "Examples:\n  nimbractl roots\n  nimbractl roots --json",
         kListCodes, RunRoots);
     AddJson(*roots, *json);
@@ -357,7 +359,8 @@ class CommandLine {
         "one object a line.\n\n"
         "Examples:\n  nimbractl log\n  nimbractl log --pid 4711 --for 60 --all\n"
         "  nimbractl log --json --for 60",
-        "Exit codes: 0 it was ended, 1 another program reads the lines, 2 wrong arguments.",
+        "Exit codes: 0 it was ended, 1 another program reads the lines, or not all of the output\n"
+        "could be written, 2 wrong arguments.",
         [](Options given) {
           if (given.limit >= 0) given.seconds = given.limit;
           return RunLog(given);
