@@ -3,7 +3,6 @@
 import pathlib
 import re
 import shutil
-import signal
 
 from harness.nimbractl import Listener, NimbractlCase
 from harness.roots import SyncRoot
@@ -109,7 +108,7 @@ class Examples(NimbractlCase):
     def listen_as_in_the_examples(self):
         for example in self.examples["log"]:
             log = Listener(self, *example.split()[1:])
-            log.process.send_signal(signal.SIGINT)
+            log.interrupt()
             self.assertEqual(log.finish(), 0)
             self.done[example] = log
 

@@ -151,7 +151,7 @@ class Listeners(DebugOutputCase):
         for number in range(3):
             log = Listener(self)
             self.shows(log, f"line-{number}")
-            log.process.send_signal(signal.SIGINT)
+            log.interrupt()
             self.assertEqual(log.finish(), 0)
             self.assertEqual((len(log.lines), len(log.notes)), (1, 1), log.notes)
             self.speak(self.LINE + "to nobody")
@@ -202,7 +202,7 @@ class Listeners(DebugOutputCase):
         self.assertIn("another program reads the debugger output", errors)
         self.assertIn("close it", errors)
         self.shows(log, "still here")
-        log.process.send_signal(signal.SIGINT)
+        log.interrupt()
         self.assertEqual(log.finish(), 0)
         self.run_ctl("log", "--for", "0")
 

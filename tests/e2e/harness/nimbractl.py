@@ -2,8 +2,10 @@
 
 import json
 import pathlib
+import signal
 import subprocess
 import threading
+import time
 
 from .case import EndToEndCase
 from .waiting import wait_until
@@ -97,6 +99,11 @@ class Listener:
             return [line for line in self.lines if text in line]
 
         return wait_until(find, what=f"the line '{text}' in {self.lines}")[0]
+
+    def interrupt(self):
+        """As Ctrl+C does, while it waits: Wine's handling of the signal is not safe at any moment."""
+        time.sleep(0.3)
+        self.process.send_signal(signal.SIGINT)
 
     def stop(self):
         if self.process.poll() is None:
