@@ -191,8 +191,8 @@ run_clang() {
   local targets=() tests=("${selection[@]}")
   if [[ $mode != clang ]]; then
     targets=(nimbra nimbra_msvc_import_library mirror readme-example nimbra_unit_tests nimbra_dll_tests
-      nimbra_dll_tests_without_manifest nimbra_dll_tests_with_partial_platform nimbra_header_in_c
-      nimbra_header_in_cpp)
+      nimbra_dll_tests_without_manifest nimbra_dll_tests_with_partial_platform nimbra_bare_host
+      nimbra_header_in_c nimbra_header_in_cpp)
     tests=(-R '^(nimbra_unit_tests|nimbra_dll_tests|nimbra_header|abi|protections|install\.library)'
       -E '^protections\.(minimal|nimbractl)$')
   fi
