@@ -13,7 +13,12 @@ import xml.etree.ElementTree
 
 LONGEST_OUTPUT = 200  # lines of one failed test
 
-GTEST_OUTCOME = re.compile(r"^\[ {7}OK \] |^\[  (FAILED|SKIPPED) {1,2}\] .* \(\d+ ms\)$", re.M)
+# A process that is killed may leave the beginning of a line of Wine's.
+GTEST_OUTCOME = re.compile(
+    r"^(?:wine client error:\w+: )?"
+    r"(?:\[ {7}OK \] |\[  (FAILED|SKIPPED) {1,2}\] .* \(\d+ ms\)$)",
+    re.M,
+)
 GTEST_START = re.compile(r"^\[ RUN      \] (\S+)", re.M)
 UNITTEST_TOTAL = re.compile(r"^Ran (\d+) tests? in ", re.M)
 UNITTEST_DETAIL = re.compile(r"\b(failures|errors|skipped|unexpected successes)=(\d+)")
