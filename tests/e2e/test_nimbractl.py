@@ -9,7 +9,7 @@ import tempfile
 import unicodedata
 
 from harness.content import write_content
-from harness.nimbractl import NimbractlCase
+from harness.nimbractl import NimbractlCase, read_terminal
 from harness.wine import dos_path, wine_program
 
 PREFIX = "Corvane.Drive.FileStreaming.session."
@@ -188,13 +188,7 @@ class Items(NimbractlCase):
             stdin=other_end, stdout=other_end, stderr=other_end, start_new_session=True,
         )
         os.close(other_end)
-        shown = b""
-        try:
-            while chunk := os.read(terminal, 65536):
-                shown += chunk
-        except OSError:
-            pass  # how Linux tells that the other end is closed
-        os.close(terminal)
+        shown = read_terminal(terminal)
         self.assertEqual(process.wait(10), 0)
         self.assertIn("of 2.1 MB, ", shown.decode(errors="replace"))
         self.assertIn("1 item hydrated", shown.decode(errors="replace"))

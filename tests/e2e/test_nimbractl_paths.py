@@ -6,7 +6,7 @@ import os
 import pty
 import subprocess
 
-from harness.nimbractl import NimbractlCase
+from harness.nimbractl import NimbractlCase, read_terminal
 from harness.wine import dos_path, wine_program
 
 CHANGES = ("hydrate", "dehydrate", "pin", "unpin", "exclude", "in-sync")
@@ -292,13 +292,7 @@ class Outputs(NimbractlCase):
         process = self.start("hydrate", dos_path(root.path / "big.bin"),
                              stdout=subprocess.PIPE, stderr=other_end)
         os.close(other_end)
-        shown = b""
-        try:
-            while chunk := os.read(terminal, 65536):
-                shown += chunk
-        except OSError:
-            pass  # how Linux tells that the other end is closed
-        os.close(terminal)
+        shown = read_terminal(terminal)
         output, _ = process.communicate(timeout=30)
         self.assertEqual((process.returncode, output.strip()), (0, b"1 item hydrated"))
         self.assertIn(b"of 2.1 MB, ", shown)

@@ -1,6 +1,7 @@
 """nimbractl, as the tests run it."""
 
 import json
+import os
 import pathlib
 import signal
 import subprocess
@@ -10,6 +11,18 @@ import time
 from .case import EndToEndCase
 from .waiting import wait_until
 from .wine import dos_path, wine_program
+
+
+def read_terminal(terminal):
+    """All that is shown until the other end is closed; closes this one, too."""
+    shown = b""
+    try:
+        while chunk := os.read(terminal, 65536):
+            shown += chunk
+    except OSError:
+        pass  # how Linux tells that the other end is closed
+    os.close(terminal)
+    return shown
 
 
 class Answer:
